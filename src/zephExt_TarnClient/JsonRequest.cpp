@@ -1,0 +1,37 @@
+#include "JsonRequest.h"
+
+#include <cstring>
+
+namespace {
+constexpr size_t kPoolChunkSize = 0x10000;
+constexpr size_t kParseStackSize = 1024;
+} // namespace
+
+JsonRequest::JsonRequest() : m_pool(kPoolChunkSize), m_document(&m_pool, kParseStackSize) {}
+
+bool JsonRequest::Parse(int32_t length, const char* text) {
+    static const char kEmpty[] = "";
+    bool empty = !text || length <= 0;
+    m_document.Parse(empty ? kEmpty : text, empty ? 0 : static_cast<size_t>(length));
+    return !m_document.HasParseError();
+}
+
+std::string RequestText(int32_t length, const char* text) {
+    if (!text || length <= 0)
+        return std::string();
+    return std::string(text, static_cast<size_t>(length));
+}
+
+const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
+    if (!object.IsObject())
+        return nullptr;
+    auto member = object.FindMember(name);
+    return member == object.MemberEnd() ? nullptr : &member->value;
+}
+
+bool IsStringEqual(const rapidjson::Value* value, const char* expected) {
+    if (!value || !value->IsString())
+        return false;
+    size_t length = strlen(expected);
+    return value->GetStringLength() == length && memcmp(value->GetString(), expected, length) == 0;
+}

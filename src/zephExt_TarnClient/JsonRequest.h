@@ -1,0 +1,32 @@
+#pragma once
+// Parsing of the host's JSON requests, and member lookups that never trip
+// RapidJSON's assertions on a missing member or a wrong type.
+#include <rapidjson/document.h>
+
+#include <cstdint>
+#include <string>
+
+class JsonRequest {
+  public:
+    JsonRequest();
+    JsonRequest(const JsonRequest&) = delete;
+    JsonRequest& operator=(const JsonRequest&) = delete;
+
+    // Parses `length` bytes of `text`, which need not be terminated.
+    bool Parse(int32_t length, const char* text);
+    int ParseErrorCode() const { return static_cast<int>(m_document.GetParseError()); }
+    const rapidjson::Document& Document() const { return m_document; }
+
+  private:
+    rapidjson::MemoryPoolAllocator<> m_pool;
+    rapidjson::Document m_document;
+};
+
+// The request as a text for the log: exactly `length` bytes; empty for a
+// negative length or a null text.
+std::string RequestText(int32_t length, const char* text);
+
+// Null when `object` is not an object or has no member `name`.
+const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name);
+// True when `value` is a string equal to `expected` (embedded NULs count).
+bool IsStringEqual(const rapidjson::Value* value, const char* expected);

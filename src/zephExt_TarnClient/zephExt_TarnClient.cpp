@@ -1,0 +1,140 @@
+#include "zephExt_TarnClient.h"
+
+#include "DebugLog.h"
+#include "ResultCodes.h"
+#include "UtilClientInfo.h"
+#include "ZephIntegration.h"
+
+#include <windows.h>
+
+namespace {
+
+constexpr uint32_t kPrerequisiteKind = 100;
+const FileVersion kFallbackAgentVersion = {3, 0, 0, 1001};
+
+void LogEntry(const char* exportName) {
+    LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
+}
+void LogExit(const char* exportName) {
+    LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
+}
+
+// The export is bound to the host but its work arrives with a later change.
+uint32_t NotAvailableYet(const char* exportName, uint32_t failureCode) {
+    LOGA(LOG_ERROR, "%s - Not available in this build.", exportName);
+    return failureCode;
+}
+
+// An update export: entry line, host binding, then its (pending) work.
+uint32_t PendingUpdateStage(const char* exportName) {
+    LogEntry(exportName);
+    if (!IsValidLoader())
+        return RESULT_GENERIC_FAILURE;
+    return NotAvailableYet(exportName, RESULT_GENERIC_FAILURE);
+}
+
+} // namespace
+
+extern "C" {
+
+// Init and Deinit share one body: the plug-in needs no set-up or tear-down.
+uint32_t zephExt_Init(void) {
+    return RESULT_SUCCESS;
+}
+uint32_t zephExt_Deinit(void) {
+    return RESULT_SUCCESS;
+}
+
+uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
+    const char* self = "zephExt_GetPrerequest";
+    LogEntry(self);
+    if (!IsValidLoader())
+        return RESULT_GENERIC_FAILURE;
+    if (!record) {
+        LOGA(LOG_ERROR, "%s - Invalid prerequisite record.", self);
+        return RESULT_GENERIC_FAILURE;
+    }
+    record->kind = kPrerequisiteKind;
+    record->flag = 0;
+    FileVersion version;
+    if (!GetAgentVersion(version)) {
+        LOGA(LOG_ERROR, "%s - Unalbe to get agent version.", self);
+        version = kFallbackAgentVersion;
+    }
+    record->major = version.major;
+    record->minor = version.minor;
+    record->build = version.build;
+    LogExit(self);
+    return RESULT_SUCCESS;
+}
+
+uint32_t zephExt_CreateContext(void** context) {
+    const char* self = "zephExt_CreateContext";
+    LogEntry(self);
+    if (!IsValidLoader())
+        return RESULT_GENERIC_FAILURE;
+    HANDLE heap = GetProcessHeap();
+    if (!heap) {
+        LOGA(LOG_ERROR, "%s - Unable to get process heap. err=%d", self,
+             static_cast<int>(GetLastError()));
+        return RESULT_GENERIC_FAILURE;
+    }
+    if (!context) {
+        LOGA(LOG_ERROR, "%s - Invalid context pointer.", self);
+        return RESULT_GENERIC_FAILURE;
+    }
+    // The update step counter: one zeroed 32-bit value.
+    void* block = HeapAlloc(heap, HEAP_ZERO_MEMORY, sizeof(int32_t));
+    if (!block) {
+        LOGA(LOG_ERROR, "%s - Unable to alloc memory from heap.", self);
+        return RESULT_GENERIC_FAILURE;
+    }
+    *context = block;
+    LogExit(self);
+    return RESULT_SUCCESS;
+}
+
+uint32_t zephExt_ReleaseContext(void* context) {
+    const char* self = "zephExt_ReleaseContext";
+    LogEntry(self);
+    if (!IsValidLoader())
+        return RESULT_GENERIC_FAILURE;
+    HANDLE heap = GetProcessHeap();
+    if (!heap) {
+        LOGA(LOG_ERROR, "%s - Unable to get process heap. err=%d", self,
+             static_cast<int>(GetLastError()));
+        return RESULT_GENERIC_FAILURE;
+    }
+    if (!HeapFree(heap, 0, context)) {
+        LOGA(LOG_ERROR, "%s - Unable to free memory to process heap. err=%d", self,
+             static_cast<int>(GetLastError()));
+        return RESULT_GENERIC_FAILURE;
+    }
+    LogExit(self);
+    return RESULT_SUCCESS;
+}
+
+uint32_t zephExt_PreUpdate(void* /*unused*/, void* /*context*/) {
+    return PendingUpdateStage("zephExt_PreUpdate");
+}
+
+uint32_t zephExt_DoUpdate(const ZephUpdateInfo* /*info*/, void* /*context*/) {
+    return PendingUpdateStage("zephExt_DoUpdate");
+}
+
+uint32_t zephExt_PostUpdate(void) {
+    return PendingUpdateStage("zephExt_PostUpdate");
+}
+
+uint32_t zephExt_Rollback(void* /*unused*/, void* /*context*/) {
+    return PendingUpdateStage("zephExt_Rollback");
+}
+
+uint32_t zephExt_ParseLog(const wchar_t* /*logFilePath*/, uint32_t /*typeBufferSize*/,
+                          wchar_t* /*typeBuffer*/, char** /*data*/, uint32_t* /*dataSize*/) {
+    if (!IsValidLoader())
+        return RESULT_PARSELOG_FAILED;
+    return NotAvailableYet("zephExt_ParseLog", RESULT_PARSELOG_FAILED);
+}
+
+} // extern "C"

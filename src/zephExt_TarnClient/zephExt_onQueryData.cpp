@@ -1,0 +1,123 @@
+#include "DebugLog.h"
+#include "JsonRequest.h"
+#include "RequestHandlers.h"
+#include "RequestValidation.h"
+#include "ResultCodes.h"
+#include "ZephIntegration.h"
+#include "ZephProtocol.h"
+#include "zephExt_TarnClient.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+using Allocator = rapidjson::Document::AllocatorType;
+
+// The four queries are answered by a later change; until then each one
+// reports a failure and leaves its result empty.
+uint32_t getClientStatusData(rapidjson::Value&, Allocator&) {
+    return RESULT_FAILED;
+}
+uint32_t getCommonSettings(rapidjson::Value&, Allocator&) {
+    return RESULT_FAILED;
+}
+uint32_t getServiceStatus(rapidjson::Value&, Allocator&) {
+    return RESULT_FAILED;
+}
+uint32_t getSelfProtectionData(rapidjson::Value&, Allocator&) {
+    return RESULT_FAILED;
+}
+
+std::string QueryIdOf(const rapidjson::Value& request) {
+    const rapidjson::Value* queryId = FindMember(request, "query_id");
+    if (!queryId || !queryId->IsString())
+        return std::string();
+    return std::string(queryId->GetString(), queryId->GetStringLength());
+}
+
+// {"query_id":..,"product_id":..,"result_code":..,"result_data":..}, compact.
+std::string ResponseText(const std::string& queryId, uint32_t resultCode,
+                         const rapidjson::Value& resultData) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    writer.Key("query_id");
+    writer.String(queryId.data(), static_cast<rapidjson::SizeType>(queryId.size()));
+    writer.Key("product_id");
+    writer.String(ZEPH_PRODUCT_ID);
+    writer.Key("result_code");
+    writer.Uint(resultCode);
+    writer.Key("result_data");
+    resultData.Accept(writer);
+    writer.EndObject();
+    return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+} // namespace
+
+uint32_t HandleQuery(const rapidjson::Value& request, rapidjson::Value& result,
+                     Allocator& allocator) {
+    static const struct {
+        const char* queryId;
+        uint32_t (*query)(rapidjson::Value&, Allocator&);
+    } kQueries[] = {
+        {ZEPH_ONQUERY_CLIENT_STATUS_LOG, getClientStatusData},
+        {ZEPH_ONQUERY_COMMON_SETTINGS, getCommonSettings},
+        {ZEPH_ONQUERY_SERVICE_STATUS, getServiceStatus},
+        {ZEPH_ONQUERY_SELF_PROTECTION, getSelfProtectionData},
+    };
+    const rapidjson::Value* queryId = FindMember(request, "query_id");
+    for (const auto& entry : kQueries) {
+        if (IsStringEqual(queryId, entry.queryId))
+            return entry.query(result, allocator);
+    }
+    LOGA(LOG_ERROR, "%s - Invalid query id.", "HandleQuery");
+    return RESULT_INVALID_REQUEST;
+}
+
+extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const char* request,
+                                        uint32_t* responseLength, char** response) {
+    const char* self = "zephExt_OnQueryData";
+    LOGA(LOG_DETAIL, "%s - Request: %s", self, RequestText(length, request).c_str());
+
+    rapidjson::Document resultData(rapidjson::kObjectType);
+    std::string queryId;
+    uint32_t resultCode = RESULT_NO_HOST;
+    if (IsValidLoader()) {
+        JsonRequest parsed;
+        if (!parsed.Parse(length, request)) {
+            LOGA(LOG_ERROR, "%s - rapidjosn - parsing error: %d", self, parsed.ParseErrorCode());
+            resultCode = RESULT_INVALID_REQUEST;
+        } else {
+            queryId = QueryIdOf(parsed.Document());
+            resultCode =
+                IsValidOnQueryRequest(parsed.Document()) ? RESULT_SUCCESS : RESULT_INVALID_REQUEST;
+            if (resultCode == RESULT_SUCCESS)
+                resultCode = HandleQuery(parsed.Document(), resultData, resultData.GetAllocator());
+        }
+    }
+
+    std::string text = ResponseText(queryId, resultCode, resultData);
+    // Handed to the host, which gives it back through zephExt_Free.
+    char* buffer = new char[text.size() + 1];
+    memcpy(buffer, text.c_str(), text.size() + 1);
+    LOGA(LOG_DETAIL, "%s - Response: %s", self, buffer);
+    if (response && responseLength) {
+        *response = buffer;
+        *responseLength = static_cast<uint32_t>(text.size() + 1);
+    } else {
+        delete[] buffer;
+    }
+    return RESULT_SUCCESS;
+}
+
+extern "C" uint32_t zephExt_Free(void* buffer) {
+    if (!IsValidLoader())
+        return RESULT_GENERIC_FAILURE;
+    delete[] static_cast<char*>(buffer);
+    return RESULT_SUCCESS;
+}
