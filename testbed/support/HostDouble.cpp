@@ -1,0 +1,85 @@
+#include "HostDouble.h"
+
+#include "ScopedHandle.h"
+
+namespace {
+
+ScopedRegKey OpenKey(const wchar_t* key, REGSAM access) {
+    HKEY raw = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, access, &raw) != ERROR_SUCCESS)
+        return ScopedRegKey();
+    return ScopedRegKey(raw);
+}
+
+ScopedRegKey CreateKey(const wchar_t* key) {
+    HKEY raw = nullptr;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &raw,
+                        nullptr) != ERROR_SUCCESS)
+        return ScopedRegKey();
+    return ScopedRegKey(raw);
+}
+
+bool Write(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size) {
+    ScopedRegKey handle = CreateKey(key);
+    return handle && RegSetValueExW(handle.Get(), name, 0, type, static_cast<const BYTE*>(data),
+                                    size) == ERROR_SUCCESS;
+}
+
+} // namespace
+
+namespace TestBedRegistry {
+
+bool ReadDword(const wchar_t* key, const wchar_t* name, DWORD& value) {
+    DWORD data = 0;
+    DWORD size = sizeof(data);
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_DWORD, nullptr, &data, &size) !=
+        ERROR_SUCCESS)
+        return false;
+    value = data;
+    return true;
+}
+
+bool ReadText(const wchar_t* key, const wchar_t* name, std::wstring& value) {
+    // RRF_NOEXPAND: an expandable value is read as stored.
+    const DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
+    DWORD size = 0;
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, flags, nullptr, nullptr, &size) !=
+        ERROR_SUCCESS)
+        return false;
+    std::wstring text(size / sizeof(wchar_t) + 1, L'\0');
+    size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, flags, nullptr, &text[0], &size) !=
+        ERROR_SUCCESS)
+        return false;
+    text.resize(wcsnlen(text.c_str(), text.size()));
+    value = text;
+    return true;
+}
+
+bool WriteDword(const wchar_t* key, const wchar_t* name, DWORD value) {
+    return Write(key, name, REG_DWORD, &value, sizeof(value));
+}
+
+bool WriteText(const wchar_t* key, const wchar_t* name, const std::wstring& value, DWORD type) {
+    DWORD size = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
+    return Write(key, name, type, value.c_str(), size);
+}
+
+void DeleteValue(const wchar_t* key, const wchar_t* name) {
+    ScopedRegKey handle = OpenKey(key, KEY_SET_VALUE);
+    if (handle)
+        RegDeleteValueW(handle.Get(), name);
+}
+
+void DeleteTree(const wchar_t* key) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, key);
+}
+
+} // namespace TestBedRegistry
+
+std::wstring HostJournalPath() {
+    std::wstring path = kDefaultJournal;
+    TestBedRegistry::ReadText(kHostBehaviourKey, kJournalValue, path);
+    return path;
+}

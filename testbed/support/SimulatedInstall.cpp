@@ -1,0 +1,102 @@
+#include "TestBed.h"
+
+#include <filesystem>
+
+namespace {
+
+const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+const wchar_t kInstallPathValue[] = L"Application Path";
+// Under kTestBedKey: the folder Create made, so that Remove deletes that one.
+const wchar_t kInstallFolderValue[] = L"InstallFolder";
+const wchar_t kTestBedRoot[] = L"C:\\ZephTestBed";
+const wchar_t kHostLibraryName[] = L"zephAgent_64x.dll";
+
+const wchar_t* HostDoubleFile(HostLibraryVariant variant) {
+    return variant == HostLibraryVariant::Full ? L"zephAgent_64x.dll" : L"zephAgent_nosyscall.dll";
+}
+
+std::wstring WithTrailingBackslash(std::wstring folder) {
+    if (!folder.empty() && folder.back() != L'\\')
+        folder += L'\\';
+    return folder;
+}
+
+// Creates every missing folder on the way to `folder`.
+bool CreateFolderTree(const std::wstring& folder) {
+    std::wstring path = WithTrailingBackslash(folder);
+    for (size_t end = path.find(L'\\', 3); end != std::wstring::npos;
+         end = path.find(L'\\', end + 1))
+        CreateDirectoryW(path.substr(0, end).c_str(), nullptr);
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+void RemoveFolderTree(const std::wstring& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
+}
+
+std::wstring ParentFolder(const std::wstring& path) {
+    size_t slash = path.rfind(L'\\');
+    return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
+}
+
+} // namespace
+
+namespace SimulatedInstall {
+
+const wchar_t kFolder[] = L"C:\\ZephTestBed\\Corvale\\";
+
+bool Create(HostLibraryVariant variant, const std::wstring& folder) {
+    if (!CreateFolderTree(folder) || !CreateFolderTree(ParentFolder(HostJournalPath())))
+        return false;
+    std::wstring target = WithTrailingBackslash(folder) + kHostLibraryName;
+    if (!CopyFileW(BinPath(HostDoubleFile(variant)).c_str(), target.c_str(), FALSE))
+        return false;
+    return TestBedRegistry::WriteText(kTestBedKey, kInstallFolderValue, folder) &&
+           SetApplicationPath(folder);
+}
+
+bool SetApplicationPath(const std::wstring& folder) {
+    return TestBedRegistry::WriteText(kProductKey, kInstallPathValue, folder, REG_SZ);
+}
+
+bool SetApplicationPathExpandable(const std::wstring& value) {
+    return TestBedRegistry::WriteText(kProductKey, kInstallPathValue, value, REG_EXPAND_SZ);
+}
+
+void RemoveApplicationPath() {
+    TestBedRegistry::DeleteValue(kProductKey, kInstallPathValue);
+}
+
+void Remove() {
+    RemoveApplicationPath();
+    std::wstring folder = kFolder;
+    TestBedRegistry::ReadText(kTestBedKey, kInstallFolderValue, folder);
+    RemoveFolderTree(folder);
+    ClearHostJournal();
+    TestBedRegistry::DeleteTree(kTestBedKey);
+    RemoveDirectoryW(kTestBedRoot); // only when nothing else is left in it
+}
+
+bool SetHostBehaviour(const HostBehaviour& behaviour) {
+    return TestBedRegistry::WriteDword(kHostBehaviourKey, kLoaderVerdictValue,
+                                       behaviour.loaderVerdict) &&
+           TestBedRegistry::WriteDword(kHostBehaviourKey, kSystemCallStatusValue,
+                                       behaviour.systemCallStatus) &&
+           TestBedRegistry::WriteText(kHostBehaviourKey, kSystemCallResponseValue,
+                                      Widen(behaviour.systemCallResponse));
+}
+
+std::vector<std::string> HostJournal() {
+    std::string bytes;
+    if (!ReadFileBytes(HostJournalPath(), bytes))
+        return {};
+    return SplitLines(bytes);
+}
+
+void ClearHostJournal() {
+    DeleteFileW(HostJournalPath().c_str());
+}
+
+} // namespace SimulatedInstall

@@ -1,0 +1,63 @@
+#pragma once
+// What the test suites and the test-bed programs share: running a program and
+// capturing its output, text conversions, and the parent product's simulated
+// installation (its registry value and the host library double).
+#include "HostDouble.h"
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+struct ProcessResult {
+    DWORD exitCode = 0;
+    std::string output; // stdout and stderr together, in the order written
+    bool timedOut = false;
+};
+
+// Runs a program, waits up to timeoutMs, captures its output (kill on time-out).
+ProcessResult RunProcess(const std::vector<std::wstring>& arguments, DWORD timeoutMs = 60000);
+// Quotes one argument by the rules CommandLineToArgvW/msvcrt parse back.
+std::wstring QuoteArgument(const std::wstring& argument);
+
+std::wstring BinDir(); // folder of the running executable, with trailing backslash
+std::wstring BinPath(const wchar_t* name); // BinDir() + name
+
+// UTF-8 <-> UTF-16.
+std::wstring Widen(const std::string& text);
+std::string Narrow(const std::wstring& text);
+
+// The whole file as bytes; false when it cannot be read.
+bool ReadFileBytes(const std::wstring& path, std::string& bytes);
+// Splits at '\n', drops a '\r' before it and the empty piece after a final '\n'.
+std::vector<std::string> SplitLines(const std::string& text);
+
+enum class HostLibraryVariant { Full, WithoutSystemCall };
+
+struct HostBehaviour {
+    DWORD loaderVerdict = 1;    // what zephCnt_VerifyLoaderProcessSign answers
+    DWORD systemCallStatus = 0; // what zephCnt_SystemCall returns
+    std::string systemCallResponse = kDefaultSystemCallResponse;
+};
+
+// The parent product's simulated installation in the Wine prefix.
+namespace SimulatedInstall {
+
+extern const wchar_t kFolder[]; // L"C:\\ZephTestBed\\Corvale\\"
+
+// Writes "Application Path" = folder (REG_SZ, as given), creates the folder and
+// copies the chosen host library double into it as "zephAgent_64x.dll".
+bool Create(HostLibraryVariant variant = HostLibraryVariant::Full,
+            const std::wstring& folder = kFolder);
+bool SetApplicationPath(const std::wstring& folder);
+bool SetApplicationPathExpandable(const std::wstring& value); // REG_EXPAND_SZ
+void RemoveApplicationPath();
+// Deletes the value, the folder made by Create, the behaviour key and the journal.
+void Remove();
+
+bool SetHostBehaviour(const HostBehaviour& behaviour);
+// Lines of the host library double's journal, in call order (empty when none).
+std::vector<std::string> HostJournal();
+void ClearHostJournal();
+
+} // namespace SimulatedInstall
