@@ -1,0 +1,168 @@
+// Test-bed control for scripts: sets up and removes the parent product's
+// simulated installation and the host library double's behaviour.
+//
+//   tbctl install [--variant full|nosyscall] [--folder <dir>]
+//   tbctl remove
+//   tbctl app-path <dir> | tbctl app-path --remove
+//   tbctl host [--loader-verdict N] [--syscall-status N] [--syscall-response <json>]
+//   tbctl journal [--clear]
+//   tbctl log-mark <text>        sends one record to the log server
+#include "DebugLog.h"
+#include "TestBed.h"
+
+#include <shellapi.h>
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+using Arguments = std::vector<std::wstring>;
+
+// "--name value" pairs; false on anything else or a name not in `allowed`.
+bool ParsePairs(const Arguments& arguments, const std::vector<std::wstring>& allowed,
+                std::map<std::wstring, std::wstring>& values) {
+    if (arguments.size() % 2 != 0)
+        return false;
+    for (size_t i = 0; i < arguments.size(); i += 2) {
+        bool known = false;
+        for (const std::wstring& name : allowed)
+            known = known || arguments[i] == name;
+        if (!known)
+            return false;
+        values[arguments[i]] = arguments[i + 1];
+    }
+    return true;
+}
+
+bool ParseNumber(const std::wstring& text, DWORD& value) {
+    wchar_t* end = nullptr;
+    unsigned long number = wcstoul(text.c_str(), &end, 0); // decimal or 0x...
+    if (text.empty() || *end != L'\0')
+        return false;
+    value = static_cast<DWORD>(number);
+    return true;
+}
+
+int Outcome(bool succeeded, const char* what) {
+    if (succeeded)
+        return 0;
+    std::fprintf(stderr, "tbctl: %s failed (error %lu)\n", what, GetLastError());
+    return kExitFailed;
+}
+
+int Install(const Arguments& arguments) {
+    std::map<std::wstring, std::wstring> values;
+    if (!ParsePairs(arguments, {L"--variant", L"--folder"}, values))
+        return kExitUsage;
+    std::wstring variant = values.count(L"--variant") ? values[L"--variant"] : L"full";
+    if (variant != L"full" && variant != L"nosyscall")
+        return kExitUsage;
+    std::wstring folder =
+        values.count(L"--folder") ? values[L"--folder"] : std::wstring(SimulatedInstall::kFolder);
+    HostLibraryVariant chosen =
+        variant == L"full" ? HostLibraryVariant::Full : HostLibraryVariant::WithoutSystemCall;
+    return Outcome(SimulatedInstall::Create(chosen, folder), "install");
+}
+
+int Remove(const Arguments& arguments) {
+    if (!arguments.empty())
+        return kExitUsage;
+    SimulatedInstall::Remove();
+    return 0;
+}
+
+int ApplicationPath(const Arguments& arguments) {
+    if (arguments.size() != 1)
+        return kExitUsage;
+    if (arguments[0] == L"--remove") {
+        SimulatedInstall::RemoveApplicationPath();
+        return 0;
+    }
+    return Outcome(SimulatedInstall::SetApplicationPath(arguments[0]), "app-path");
+}
+
+int Host(const Arguments& arguments) {
+    std::map<std::wstring, std::wstring> values;
+    if (!ParsePairs(arguments, {L"--loader-verdict", L"--syscall-status", L"--syscall-response"},
+                    values))
+        return kExitUsage;
+    HostBehaviour behaviour;
+    if (values.count(L"--loader-verdict") &&
+        !ParseNumber(values[L"--loader-verdict"], behaviour.loaderVerdict))
+        return kExitUsage;
+    if (values.count(L"--syscall-status") &&
+        !ParseNumber(values[L"--syscall-status"], behaviour.systemCallStatus))
+        return kExitUsage;
+    if (values.count(L"--syscall-response"))
+        behaviour.systemCallResponse = Narrow(values[L"--syscall-response"]);
+    return Outcome(SimulatedInstall::SetHostBehaviour(behaviour), "host");
+}
+
+int Journal(const Arguments& arguments) {
+    if (arguments.size() == 1 && arguments[0] == L"--clear") {
+        SimulatedInstall::ClearHostJournal();
+        return 0;
+    }
+    if (!arguments.empty())
+        return kExitUsage;
+    for (const std::string& line : SimulatedInstall::HostJournal())
+        std::printf("%s\n", line.c_str());
+    return 0;
+}
+
+// Scripts send a marker after a step and wait for it in the records: every
+// record sent before it has then arrived.
+int LogMark(const Arguments& arguments) {
+    if (arguments.size() != 1)
+        return kExitUsage;
+    int sent =
+        SendDebugLogRecord(static_cast<int32_t>(std::time(nullptr)), GetCurrentProcessId(),
+                           GetCurrentThreadId(), LOG_INFO, L"tbctl", 0, arguments[0].c_str());
+    return sent ? 0 : kExitFailed;
+}
+
+int Usage() {
+    std::fprintf(stderr, "usage: tbctl install [--variant full|nosyscall] [--folder <dir>]\n"
+                         "       tbctl remove\n"
+                         "       tbctl app-path <dir> | tbctl app-path --remove\n"
+                         "       tbctl host [--loader-verdict N] [--syscall-status N]"
+                         " [--syscall-response <json>]\n"
+                         "       tbctl journal [--clear]\n"
+                         "       tbctl log-mark <text>\n");
+    return kExitUsage;
+}
+
+Arguments WideArguments() {
+    int count = 0;
+    wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    Arguments arguments;
+    for (int i = 0; wide && i < count; ++i)
+        arguments.push_back(wide[i]);
+    LocalFree(wide);
+    return arguments;
+}
+
+} // namespace
+
+int main() {
+    _setmode(_fileno(stdout), _O_BINARY);
+    static const std::map<std::wstring, int (*)(const Arguments&)> commands = {
+        {L"install", Install}, {L"remove", Remove},   {L"app-path", ApplicationPath},
+        {L"host", Host},       {L"journal", Journal}, {L"log-mark", LogMark},
+    };
+    Arguments arguments = WideArguments();
+    auto command = arguments.size() > 1 ? commands.find(arguments[1]) : commands.end();
+    if (command == commands.end())
+        return Usage();
+    int result = command->second(Arguments(arguments.begin() + 2, arguments.end()));
+    return result == kExitUsage ? Usage() : result;
+}
