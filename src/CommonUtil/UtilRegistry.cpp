@@ -168,11 +168,8 @@ bool utilRegKey::QueryValue(const std::wstring& valueName, std::wstring& value) 
         read = m_lastError == ERROR_SUCCESS;
     }
     if (!read) {
-        std::wstring name = GetStdKeyFromHkey();
-        if (!valueName.empty())
-            name += L"\\" + valueName;
         LOGW(LOG_ERROR, L"%s - Can't read value of '%s', err=%d\n", L"utilRegKey::QueryValue",
-             name.c_str(), static_cast<int>(m_lastError));
+             ValueDisplayName(valueName).c_str(), static_cast<int>(m_lastError));
         return false;
     }
 
@@ -216,34 +213,33 @@ bool utilRegKey::QueryValue(const std::wstring& valueName, uint32_t& value) {
 }
 
 bool utilRegKey::SetValue(const std::wstring& valueName, const std::wstring& value) {
-    if (Open(ACCESS_WRITE))
-        m_lastError = RegSetValueExW(m_openKey, RegistryName(valueName), 0, REG_SZ,
-                                     reinterpret_cast<const BYTE*>(value.c_str()),
-                                     static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-    if (!m_openKey || m_lastError != ERROR_SUCCESS) {
-        std::wstring name = GetStdKeyFromHkey();
-        if (!valueName.empty())
-            name += L"\\" + valueName;
-        LOGW(LOG_ERROR, L"%s - Can't set value of '%s', err=%d\n\n", L"utilRegKey::SetValue",
-             name.c_str(), static_cast<int>(m_lastError));
-        return false;
-    }
-    return true;
+    // The terminator is written with the text.
+    return WriteValue(L"utilRegKey::SetValue", valueName, REG_SZ,
+                      reinterpret_cast<const BYTE*>(value.c_str()),
+                      static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
 }
 
 bool utilRegKey::SetDWordValue(const std::wstring& valueName, const uint32_t* value) {
+    return WriteValue(L"utilRegKey::SetDWordValue", valueName, REG_DWORD,
+                      reinterpret_cast<const BYTE*>(value), sizeof(uint32_t));
+}
+
+bool utilRegKey::WriteValue(const wchar_t* method, const std::wstring& valueName, DWORD type,
+                            const BYTE* data, DWORD size) {
     if (Open(ACCESS_WRITE))
-        m_lastError = RegSetValueExW(m_openKey, RegistryName(valueName), 0, REG_DWORD,
-                                     reinterpret_cast<const BYTE*>(value), sizeof(uint32_t));
-    if (!m_openKey || m_lastError != ERROR_SUCCESS) {
-        std::wstring name = GetStdKeyFromHkey();
-        if (!valueName.empty())
-            name += L"\\" + valueName;
-        LOGW(LOG_ERROR, L"%s - Can't set value of '%s', err=%d\n\n", L"utilRegKey::SetDWordValue",
-             name.c_str(), static_cast<int>(m_lastError));
-        return false;
-    }
-    return true;
+        m_lastError = RegSetValueExW(m_openKey, RegistryName(valueName), 0, type, data, size);
+    if (m_openKey && m_lastError == ERROR_SUCCESS)
+        return true;
+    LOGW(LOG_ERROR, L"%s - Can't set value of '%s', err=%d\n\n", method,
+         ValueDisplayName(valueName).c_str(), static_cast<int>(m_lastError));
+    return false;
+}
+
+std::wstring utilRegKey::ValueDisplayName(const std::wstring& valueName) const {
+    std::wstring name = GetStdKeyFromHkey();
+    if (!valueName.empty())
+        name += L"\\" + valueName;
+    return name;
 }
 
 bool utilRegKey::SetValueWithCreate(const std::wstring& valueName, const uint32_t* value) {

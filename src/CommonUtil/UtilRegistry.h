@@ -40,6 +40,11 @@ class utilRegKey {
     const std::wstring& SubKey() const { return m_subKey; }
 
   private:
+    bool WriteValue(const wchar_t* method, const std::wstring& valueName, DWORD type,
+                    const BYTE* data, DWORD size);
+    // The key's display name, then "\" and the value's name when it has one.
+    std::wstring ValueDisplayName(const std::wstring& valueName) const;
+
     HKEY m_openKey = nullptr;
     HKEY m_root = HKEY_CLASSES_ROOT;
     std::wstring m_subKey;

@@ -19,6 +19,15 @@ void LogExit(const char* exportName) {
     LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
 }
 
+// The update context lives on the process heap; null (logged) when there is none.
+HANDLE ProcessHeap(const char* exportName) {
+    HANDLE heap = GetProcessHeap();
+    if (!heap)
+        LOGA(LOG_ERROR, "%s - Unable to get process heap. err=%d", exportName,
+             static_cast<int>(GetLastError()));
+    return heap;
+}
+
 // The export is bound to the host but its work arrives with a later change.
 uint32_t NotAvailableYet(const char* exportName, uint32_t failureCode) {
     LOGA(LOG_ERROR, "%s - Not available in this build.", exportName);
@@ -73,12 +82,9 @@ uint32_t zephExt_CreateContext(void** context) {
     LogEntry(self);
     if (!IsValidLoader())
         return RESULT_GENERIC_FAILURE;
-    HANDLE heap = GetProcessHeap();
-    if (!heap) {
-        LOGA(LOG_ERROR, "%s - Unable to get process heap. err=%d", self,
-             static_cast<int>(GetLastError()));
+    HANDLE heap = ProcessHeap(self);
+    if (!heap)
         return RESULT_GENERIC_FAILURE;
-    }
     if (!context) {
         LOGA(LOG_ERROR, "%s - Invalid context pointer.", self);
         return RESULT_GENERIC_FAILURE;
@@ -99,12 +105,9 @@ uint32_t zephExt_ReleaseContext(void* context) {
     LogEntry(self);
     if (!IsValidLoader())
         return RESULT_GENERIC_FAILURE;
-    HANDLE heap = GetProcessHeap();
-    if (!heap) {
-        LOGA(LOG_ERROR, "%s - Unable to get process heap. err=%d", self,
-             static_cast<int>(GetLastError()));
+    HANDLE heap = ProcessHeap(self);
+    if (!heap)
         return RESULT_GENERIC_FAILURE;
-    }
     if (!HeapFree(heap, 0, context)) {
         LOGA(LOG_ERROR, "%s - Unable to free memory to process heap. err=%d", self,
              static_cast<int>(GetLastError()));

@@ -77,11 +77,17 @@ struct ListeningPipe {
             return false;
         connected = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         overlapped.hEvent = connected;
-        if (ConnectNamedPipe(pipe, &overlapped) || GetLastError() == ERROR_PIPE_CONNECTED)
-            SetEvent(connected);
-        else if (GetLastError() != ERROR_IO_PENDING)
+        if (ConnectNamedPipe(pipe, &overlapped))
+            return SetEvent(connected) != FALSE;
+        switch (GetLastError()) {
+        case ERROR_IO_PENDING:
+            return true;
+        case ERROR_PIPE_CONNECTED: // a writer came between create and connect
+        case ERROR_NO_DATA:        // ... and has already closed: its bytes still wait
+            return SetEvent(connected) != FALSE;
+        default:
             return false;
-        return true;
+        }
     }
 };
 

@@ -1,0 +1,37 @@
+#pragma once
+// Tests compare what reached the log server: level letter and whole text.
+#include "LogServer.h"
+#include "TestBed.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+class LogCaptureTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(m_server.Start()) << "log pipe already served"; }
+
+    // "L text" for every record since the last call, L the level letter.
+    std::vector<std::string> Logged() {
+        EXPECT_TRUE(m_server.Sync());
+        std::vector<std::string> lines;
+        for (const LogRecord& record : m_server.Records())
+            lines.push_back(std::string(1, static_cast<char>(record.level)) + " " +
+                            Narrow(record.text));
+        m_server.Clear();
+        return lines;
+    }
+
+    std::vector<LogRecord> Records() {
+        EXPECT_TRUE(m_server.Sync());
+        std::vector<LogRecord> records = m_server.Records();
+        m_server.Clear();
+        return records;
+    }
+
+  private:
+    LogServer m_server;
+};
+
+using Lines = std::vector<std::string>;

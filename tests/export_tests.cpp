@@ -1,0 +1,193 @@
+// The plug-in as the host sees it: the real DLL, loaded by zephhost.exe in a
+// fresh process per scenario, with the log records it sent to our server.
+#include "LogCapture.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace {
+
+const std::string P = "[zephExt_TarnClient][zephhost.exe]";
+const std::string kGenericFailure = "17039362"; // 0x1040002
+
+class ExportTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        SimulatedInstall::Remove();
+        ASSERT_TRUE(SimulatedInstall::Create());
+    }
+    void TearDown() override { SimulatedInstall::Remove(); }
+
+    // Runs one call of zephhost.exe and answers what it printed.
+    std::string Host(const std::wstring& call, const std::string& argument = std::string()) {
+        std::vector<std::wstring> arguments = {BinPath(L"zephhost.exe"),
+                                               BinPath(L"zephExt_TarnClient.dll"), call};
+        if (!argument.empty())
+            arguments.push_back(Widen(argument));
+        ProcessResult result = RunProcess(arguments);
+        EXPECT_FALSE(result.timedOut);
+        EXPECT_EQ(result.exitCode, 0u) << result.output;
+        return result.output;
+    }
+
+    // A script of calls for one zephhost.exe process; answers its path.
+    static std::string WriteScript(const std::string& calls) {
+        char path[MAX_PATH];
+        GetTempPathA(MAX_PATH, path);
+        std::string file = std::string(path) + "zephhost_script.txt";
+        std::ofstream(file, std::ios::binary) << calls;
+        return file;
+    }
+
+    // What one query answers: the export's result, the response and its length.
+    static std::string QueryOutput(const std::string& response) {
+        return "zephExt_OnQueryData -> 0\nresponse(" + std::to_string(response.size() + 1) +
+               "): " + response + "\nzephExt_Free -> 0\n";
+    }
+
+    // The three lines every query logs around what lies between.
+    static Lines QueryLog(const std::string& request, const Lines& between,
+                          const std::string& response) {
+        Lines lines = {"D " + P + "zephExt_OnQueryData - Request: " + request};
+        lines.insert(lines.end(), between.begin(), between.end());
+        lines.push_back("D " + P + "zephExt_OnQueryData - Response: " + response);
+        return lines;
+    }
+};
+
+TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
+    struct Case {
+        std::string request;
+        std::string response;
+        Lines between;
+    } cases[] = {
+        {R"({"query_id":"zeph_onquery_service_status","product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})",
+         R"({"query_id":"zeph_onquery_service_status","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "IsValidOnQueryRequest - Invalid query id."}},
+        {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN"})",
+         R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "IsValidOnQueryRequest - Invalid request format."}},
+        {R"({"query_id":["x"],"product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})",
+         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "IsValidOnQueryRequest - Invalid query id."}},
+        {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_)",
+         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 11"}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));
+        EXPECT_EQ(Logged(), QueryLog(c.request, c.between, c.response));
+    }
+}
+
+TEST_F(ExportTest, EmptyQueryIsAParseError) {
+    const std::string response =
+        R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})";
+    EXPECT_EQ(Host(L"query"), QueryOutput(response));
+    EXPECT_EQ(
+        Logged(),
+        QueryLog("", {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 1"}, response));
+}
+
+TEST_F(ExportTest, CommandsAreLoggedParsedAndValidated) {
+    const std::string fourMembers =
+        R"({"command_id":"ZEPH_ONCOMMAND_IAGT_SERVICE","product_id":"ZEPH_IPRODUCT_TARN",)"
+        R"("command_data":{"command_type":"ZEPH_TYPE_IAGT_STOP"},"extra":0})";
+    EXPECT_EQ(Host(L"command", fourMembers), "zephExt_OnCommand -> 2\n");
+    EXPECT_EQ(Logged(),
+              (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
+                     "D " + P + "zephExt_OnCommand - Request: " + fourMembers,
+                     "E " + P + "IsValidOnCommandRequest - Invalid request member count.",
+                     "E " + P + "zephExt_OnCommand - Invalid OnCommand request: " + fourMembers}));
+
+    EXPECT_EQ(Host(L"command", "not json"), "zephExt_OnCommand -> 2\n");
+    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
+                               "D " + P + "zephExt_OnCommand - Request: not json",
+                               "E " + P + "zephExt_OnCommand - rapidjson - parsing error: 3"}));
+}
+
+TEST_F(ExportTest, NotificationsAreLoggedParsedAndValidated) {
+    const std::string badId =
+        R"({"notify_id":"ZEPH_ONNOTIFY_X","product_id":"ZEPH_IPRODUCT_TARN","notify_data":{}})";
+    EXPECT_EQ(Host(L"notify", badId), "zephExt_OnNotify -> 2\n");
+    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
+                               "D " + P + "zephExt_OnNotify - Request: " + badId,
+                               "E " + P + "IsValidOnNotifyRequest - Invalid notify id.",
+                               "E " + P + "zephExt_OnNotify - Invalid OnNotify request"}));
+
+    EXPECT_EQ(Host(L"notify", "{"), "zephExt_OnNotify -> 2\n");
+    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
+                               "D " + P + "zephExt_OnNotify - Request: {",
+                               "E " + P + "zephExt_OnNotify - rapidjson - parsing error: 4"}));
+}
+
+TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001) {
+    // The host pre-fills the record; the plug-in writes all but the first field
+    // and the padding after the flag byte.
+    std::string output = Host(L"prereq");
+    const std::string expected = "zephExt_GetPrerequest -> 0\n"
+                                 "record: reserved=2779096485 kind=100 major=3 minor=0 build=1001 "
+                                 "flag=0\n"
+                                 "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 00 00 00 00 e9 03 00 "
+                                 "00 00";
+    EXPECT_EQ(output.rfind(expected, 0), 0u) << output;
+    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
+                               "E " + P + "zephExt_GetPrerequest - Unalbe to get agent version.",
+                               "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"}));
+}
+
+TEST_F(ExportTest, UpdateContextIsCreatedAndReleased) {
+    ProcessResult result =
+        RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"--script",
+                    Widen(WriteScript("create-context\nrelease-context\n"))});
+    EXPECT_EQ(result.output, "zephExt_CreateContext -> 0\nzephExt_ReleaseContext -> 0\n");
+    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_CreateContext - >>> zephExt_CreateContext",
+                               "I " + P + "zephExt_CreateContext - <<< zephExt_CreateContext",
+                               "I " + P + "zephExt_ReleaseContext - >>> zephExt_ReleaseContext",
+                               "I " + P + "zephExt_ReleaseContext - <<< zephExt_ReleaseContext"}));
+}
+
+TEST_F(ExportTest, WithoutTheHostEveryExportRefusesButInitAndDeinit) {
+    SimulatedInstall::RemoveApplicationPath();
+    const std::string query =
+        R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})";
+    const std::string command =
+        R"({"command_id":"ZEPH_ONCOMMAND_IAGT_SERVICE","product_id":"ZEPH_IPRODUCT_TARN","command_data":{"command_type":"ZEPH_TYPE_IAGT_START"}})";
+    const std::string script =
+        "init\nquery " + query + "\ncommand " + command +
+        "\nnotify {}\nfree-null\nprereq\ncreate-context\npreupdate\n"
+        "postupdate\nrollback\nparselog C:\\x.log\nrelease-context\ndeinit\n";
+    ProcessResult result = RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"),
+                                       L"--script", Widen(WriteScript(script))});
+    const std::string response =
+        R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":8,"result_data":{}})";
+    std::string output = result.output;
+    for (const std::string& expected :
+         {std::string("zephExt_Init -> 0\n"), std::string("zephExt_OnCommand -> 8\n"),
+          std::string("zephExt_OnNotify -> 8\n"),
+          "zephExt_GetPrerequest -> " + kGenericFailure + "\n",
+          "zephExt_CreateContext -> " + kGenericFailure + "\n",
+          "zephExt_PreUpdate -> " + kGenericFailure + "\n",
+          "zephExt_PostUpdate -> " + kGenericFailure + "\n",
+          "zephExt_Rollback -> " + kGenericFailure + "\n",
+          std::string("zephExt_ParseLog -> 4294967295\n"), std::string("zephExt_Deinit -> 0\n")})
+        EXPECT_NE(output.find(expected), std::string::npos) << expected << "\n" << output;
+    EXPECT_NE(output.find("response(" + std::to_string(response.size() + 1) + "): " + response),
+              std::string::npos)
+        << output;
+    // The host keeps a response it cannot hand back while unbound.
+    EXPECT_NE(output.find("zephExt_Free -> " + kGenericFailure), std::string::npos) << output;
+
+    Lines logged = Logged();
+    Lines refusal = {"E " + P + "init - Unable to get CRVL install path.",
+                     "E " + P + "IsValidLoader - Unable to initialize zephAgent dll."};
+    Lines commandLog = {"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand"};
+    auto at = std::search(logged.begin(), logged.end(), commandLog.begin(), commandLog.end());
+    ASSERT_NE(at, logged.end());
+    // The command logs its entry, then the binding refusal, and nothing more.
+    EXPECT_TRUE(std::equal(refusal.begin(), refusal.end(), at + 3)) << *(at + 3);
+    EXPECT_EQ((at + 5)->rfind("I " + P + "zephExt_OnNotify - >>>", 0), 0u) << *(at + 5);
+}
+
+} // namespace

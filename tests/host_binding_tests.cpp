@@ -1,0 +1,266 @@
+#include "LogCapture.h"
+#include "ScopedHandle.h"
+#include "ZephIntegration.h"
+
+#include <cstring>
+
+namespace {
+
+const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+const std::string kShownProductKey =
+    "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+const wchar_t kMiscKey[] = L"SOFTWARE\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\Misc.";
+const char kRebootRequest[] =
+    R"({"system_call_id":"ZEPH_SYSCALL_SET_SYS_RESTART","product_id":"ZEPH_IPRODUCT_TARN"})";
+
+void PutRegistryValue(const std::wstring& subKey, const wchar_t* name, DWORD type, const void* data,
+                      DWORD size, REGSAM view = 0) {
+    HKEY raw = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, nullptr, 0,
+                              KEY_ALL_ACCESS | view, nullptr, &raw, nullptr),
+              ERROR_SUCCESS);
+    ScopedRegKey key(raw);
+    ASSERT_EQ(RegSetValueExW(key.Get(), name, 0, type, static_cast<const BYTE*>(data), size),
+              ERROR_SUCCESS);
+}
+
+void PutDword(const std::wstring& subKey, const wchar_t* name, DWORD value, REGSAM view = 0) {
+    PutRegistryValue(subKey, name, REG_DWORD, &value, sizeof(value), view);
+}
+
+class HostBindingTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        SimulatedInstall::Remove();
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kMiscKey, KEY_WOW64_32KEY, 0);
+    }
+    void TearDown() override {
+        SimulatedInstall::Remove();
+        RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kMiscKey, KEY_WOW64_32KEY, 0);
+    }
+
+    static int JournalCount(const std::string& prefix) {
+        int count = 0;
+        for (const std::string& line : SimulatedInstall::HostJournal())
+            count += line.rfind(prefix, 0) == 0 ? 1 : 0;
+        return count;
+    }
+};
+
+TEST_F(HostBindingTest, WithoutTheInstallPathEveryCallRefusesUntilTheValueAppears) {
+    PutDword(kProductKey, L"Other", 1); // the key exists, the value does not
+    for (int call = 0; call < 2; ++call) {
+        EXPECT_FALSE(IsValidLoader());
+        EXPECT_EQ(Logged(),
+                  (Lines{"E utilRegKey::QueryValue - Can't read value of 'HKLM\\SOFTWARE\\"
+                         "Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\Application "
+                         "Path', err=2\n",
+                         "E GetCRVLInstallPath - Cannot find value(Application Path) under key(" +
+                             kShownProductKey + ")",
+                         "E init - Unable to get CRVL install path.",
+                         "E IsValidLoader - Unable to initialize zephAgent dll."}));
+    }
+    ASSERT_TRUE(SimulatedInstall::Create());
+    EXPECT_TRUE(IsValidLoader());
+    EXPECT_TRUE(IsValidLoader());
+    EXPECT_EQ(Logged(), Lines{});
+    // The loader is checked once, with this process's own executable.
+    wchar_t exe[MAX_PATH];
+    GetModuleFileNameW(nullptr, exe, MAX_PATH);
+    EXPECT_EQ(SimulatedInstall::HostJournal(),
+              std::vector<std::string>{"VerifyLoaderProcessSign " + Narrow(exe)});
+}
+
+TEST_F(HostBindingTest, MissingProductKeyIsReportedAsSuch) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kProductKey);
+    std::wstring path = L"unchanged";
+    EXPECT_EQ(GetCRVLInstallPath(path), 0);
+    EXPECT_EQ(Logged(), Lines{"E GetCRVLInstallPath - Cannot find registry " + kShownProductKey});
+}
+
+TEST_F(HostBindingTest, InstallPathIsReadAsStoredOrExpanded) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    std::wstring path;
+    EXPECT_EQ(GetCRVLInstallPath(path), 1);
+    EXPECT_EQ(path, SimulatedInstall::kFolder);
+    ASSERT_TRUE(
+        SimulatedInstall::SetApplicationPathExpandable(L"%SystemDrive%\\ZephTestBed\\Corvale\\"));
+    EXPECT_EQ(GetCRVLInstallPath(path), 1);
+    EXPECT_EQ(path, SimulatedInstall::kFolder);
+    EXPECT_TRUE(IsValidLoader());
+    EXPECT_EQ(Logged(), Lines{});
+}
+
+TEST_F(HostBindingTest, MissingHostLibraryFailsWithCodeEightEvenWithTheAlternatePresent) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    std::wstring folder = SimulatedInstall::kFolder;
+    ASSERT_TRUE(MoveFileW((folder + L"zephAgent_64x.dll").c_str(),
+                          (folder + L"zephAgent_NA_64x.dll").c_str()));
+    PutDword(kMiscKey, L"EnableShimValidation", 2, KEY_WOW64_32KEY);
+    EXPECT_FALSE(IsValidLoader());
+    EXPECT_EQ(Logged(), (Lines{"E init - Unable to load zephAgent_64x. Error:8",
+                               "E IsValidLoader - Unable to initialize zephAgent dll."}));
+    EXPECT_EQ(SimulatedInstall::HostJournal(), std::vector<std::string>{});
+}
+
+TEST_F(HostBindingTest, AlternateLibraryServesWhenShimValidationIsOne) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    std::wstring folder = SimulatedInstall::kFolder;
+    ASSERT_TRUE(MoveFileW((folder + L"zephAgent_64x.dll").c_str(),
+                          (folder + L"zephAgent_NA_64x.dll").c_str()));
+    PutDword(kMiscKey, L"EnableShimValidation", 1, KEY_WOW64_32KEY);
+    EXPECT_TRUE(IsValidLoader());
+    EXPECT_EQ(Logged(), Lines{});
+    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
+}
+
+TEST_F(HostBindingTest, RefusedLoaderIsReportedAtEveryCallButCheckedOnce) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    HostBehaviour behaviour;
+    behaviour.loaderVerdict = 0;
+    ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
+    EXPECT_FALSE(IsValidLoader());
+    EXPECT_FALSE(IsValidLoader());
+    EXPECT_EQ(Logged(),
+              (Lines{"E IsValidLoader - Invalid loader.", "E IsValidLoader - Invalid loader."}));
+    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
+}
+
+TEST_F(HostBindingTest, AdapterLoadAnswersItsCodes) {
+    Corvale_Service_Framework::ZephAgentAdapter adapter;
+    EXPECT_EQ(adapter.Load(nullptr), 2u);
+    EXPECT_EQ(adapter.Load(L"C:\\ZephTestBed\\Nowhere\\"), 8u);
+    EXPECT_FALSE(adapter.IsLoaded());
+    // Missing entries answer their defaults.
+    EXPECT_EQ(adapter.SystemCall(nullptr, 0, nullptr, nullptr, nullptr), 1u);
+    EXPECT_EQ(adapter.Free(nullptr), 1u);
+    EXPECT_EQ(adapter.VerifyLoaderProcessSign(L"x"), 0u);
+    ASSERT_TRUE(SimulatedInstall::Create());
+    EXPECT_EQ(adapter.Load(SimulatedInstall::kFolder), 0u);
+    EXPECT_TRUE(adapter.IsLoaded());
+    EXPECT_TRUE(adapter.HasCreateProcessWithSignCheck());
+    EXPECT_TRUE(adapter.HasIsLightWeightModeEnabled());
+    EXPECT_EQ(adapter.Load(L"C:\\ZephTestBed\\Nowhere\\"), 0u); // already loaded
+    adapter.Unload();
+    EXPECT_FALSE(adapter.IsLoaded());
+    EXPECT_FALSE(adapter.HasCreateProcessWithSignCheck());
+}
+
+struct RebootCase {
+    DWORD status;
+    std::string response;
+    int expected;
+    Lines logged; // after the request and response lines
+};
+
+TEST_F(HostBindingTest, RebootRequestAnswers) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    ASSERT_TRUE(IsValidLoader());
+    Logged();
+    const std::string request = kRebootRequest;
+    const RebootCase cases[] = {
+        {0,
+         R"({"system_call_result":{"system_call_error":0},"more":1})",
+         1,
+         {"E RequestReboot - Successfully requested a reboot."}},
+        {0,
+         R"({"system_call_result":{"system_call_error":3}})",
+         0,
+         {"E RequestReboot - ZEPH response with error code: 3"}},
+        {0,
+         R"({"system_call_result":{"system_call_error":"0"}})",
+         0,
+         {"E RequestReboot - Missing error code in ZEPH response."}},
+        {0,
+         R"({"system_call_result":{"system_call_error":null}})",
+         0,
+         {"E RequestReboot - Missing error code in ZEPH response."}},
+        {0,
+         R"({"system_call_error":0})",
+         0,
+         {"E RequestReboot - Missing error code in ZEPH response."}},
+        {0,
+         R"({"system_call_result":)",
+         0,
+         {"E RequestReboot - Unable to parse response, rapidjosn parsing error: 3\n"}},
+    };
+    for (const RebootCase& c : cases) {
+        HostBehaviour behaviour;
+        behaviour.systemCallStatus = c.status;
+        behaviour.systemCallResponse = c.response;
+        ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
+        SimulatedInstall::ClearHostJournal();
+        EXPECT_EQ(RequestReboot(), c.expected) << c.response;
+        Lines expected = {"E RequestReboot - Requesting a reboot...",
+                          "D RequestReboot - Request: " + request,
+                          "D RequestReboot - Response: " + c.response};
+        expected.insert(expected.end(), c.logged.begin(), c.logged.end());
+        EXPECT_EQ(Logged(), expected);
+        // The size counts the terminator; the host's buffer always goes back.
+        EXPECT_EQ(SimulatedInstall::HostJournal(),
+                  (std::vector<std::string>{"SystemCall " + std::to_string(request.size() + 1) +
+                                                " " + request,
+                                            "Free buffer"}));
+    }
+}
+
+TEST_F(HostBindingTest, RefusedSystemCallIsReported) {
+    ASSERT_TRUE(SimulatedInstall::Create());
+    HostBehaviour behaviour;
+    behaviour.systemCallStatus = 5;
+    ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
+    ASSERT_TRUE(IsValidLoader());
+    Logged();
+    EXPECT_EQ(RequestReboot(), 0);
+    EXPECT_EQ(Logged(), (Lines{"E RequestReboot - Requesting a reboot...",
+                               std::string("D RequestReboot - Request: ") + kRebootRequest,
+                               "E RequestReboot - ZEPH System call retruned error: 5"}));
+}
+
+TEST_F(HostBindingTest, HostLibraryWithoutSystemCallStillBinds) {
+    ASSERT_TRUE(SimulatedInstall::Create(HostLibraryVariant::WithoutSystemCall));
+    ASSERT_TRUE(IsValidLoader());
+    Logged();
+    EXPECT_EQ(RequestReboot(), 0);
+    EXPECT_EQ(Logged(), (Lines{"E RequestReboot - Requesting a reboot...",
+                               std::string("D RequestReboot - Request: ") + kRebootRequest,
+                               "E RequestReboot - ZEPH System call retruned error: 1"}));
+}
+
+TEST_F(HostBindingTest, PolicyOptInFlag) {
+    const std::wstring key = std::wstring(kProductKey) + L"\\LumenfieldPolicy";
+    EXPECT_EQ(IsOptInLumenfieldPolicy(), 0); // no key: no message of its own
+    EXPECT_EQ(Logged(), Lines{});
+    PutDword(key, L"LFPolicyOptIn", 2);
+    EXPECT_EQ(IsOptInLumenfieldPolicy(), 1);
+    EXPECT_EQ(Logged(), Lines{"D IsOptInLumenfieldPolicy - LFPolicyOptIn: 2"});
+    PutDword(key, L"LFPolicyOptIn", 0);
+    EXPECT_EQ(IsOptInLumenfieldPolicy(), 0);
+    EXPECT_EQ(Logged(), Lines{});
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+}
+
+TEST_F(HostBindingTest, PolicyLocationIsReadAndClearedToAnEmptyText) {
+    const std::wstring key = std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN";
+    const std::string shownKey = kShownProductKey + "\\ZEPH\\ZEPH_IPRODUCT_TARN";
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+    std::wstring path;
+    EXPECT_EQ(GetLFIPSPolicyPath(path), 0);
+    EXPECT_EQ(ClearLFIPSPolicyPath(), 0);
+    EXPECT_EQ(Logged(), (Lines{"D GetLFIPSPolicyPath - Cannot find registry " + shownKey,
+                               "E ClearLFIPSPolicyPath - Cannot find registry " + shownKey}));
+
+    std::wstring policy = L"C:\\policy\\ips.dat";
+    PutRegistryValue(key, L"PolicyData", REG_SZ, policy.c_str(),
+                     static_cast<DWORD>((policy.size() + 1) * sizeof(wchar_t)));
+    EXPECT_EQ(GetLFIPSPolicyPath(path), 1);
+    EXPECT_EQ(path, policy);
+    EXPECT_EQ(ClearLFIPSPolicyPath(), 1);
+    EXPECT_EQ(GetLFIPSPolicyPath(path), 1);
+    EXPECT_EQ(path, L"");
+    EXPECT_EQ(Logged(), Lines{});
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+}
+
+} // namespace
