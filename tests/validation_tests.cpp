@@ -7,7 +7,7 @@ namespace {
 struct Case {
     const char* request;
     bool valid;
-    const char* logged; // the one error line of a refusal
+    const char* logged; // the one error line of a refusal; null for a silent one
 };
 
 class ValidationTest : public LogCaptureTest {
@@ -18,7 +18,7 @@ class ValidationTest : public LogCaptureTest {
             ASSERT_TRUE(request.Parse(static_cast<int32_t>(strlen(c.request)), c.request))
                 << c.request;
             EXPECT_EQ(validator(request.Document()), c.valid) << c.request;
-            Lines expected = c.valid ? Lines{} : Lines{std::string("E ") + c.logged};
+            Lines expected = c.valid || !c.logged ? Lines{} : Lines{std::string("E ") + c.logged};
             EXPECT_EQ(Logged(), expected) << c.request;
         }
     }
@@ -128,16 +128,12 @@ TEST_F(ValidationTest, NotifyEnvelopeAndServerMove) {
              false, "IsValidOnNotifyRequest - Invalid product id."},
             {"{" CONTEXT R"(,"notify_data":null})", false,
              "IsValidOnNotifyRequest - Invalid notify format."},
+            // A server move with a wrong or missing type is refused without a message.
+            {"{" CONTEXT R"(,"notify_data":{"notify_type":"ZEPH_TYPE_SELF_PROTECTION"}})", false,
+             nullptr},
+            {"{" CONTEXT R"(,"notify_data":{}})", false, nullptr},
+            {"{" CONTEXT R"(,"notify_data":5})", false, nullptr},
         });
-    // A server move with a wrong or missing type is refused without a message of its own.
-    for (const char* request :
-         {"{" CONTEXT R"(,"notify_data":{"notify_type":"ZEPH_TYPE_SELF_PROTECTION"}})",
-          "{" CONTEXT R"(,"notify_data":{}})", "{" CONTEXT R"(,"notify_data":5})"}) {
-        JsonRequest parsed;
-        ASSERT_TRUE(parsed.Parse(static_cast<int32_t>(strlen(request)), request));
-        EXPECT_FALSE(IsValidOnNotifyRequest(parsed.Document())) << request;
-        EXPECT_EQ(Logged(), Lines{});
-    }
 }
 
 TEST_F(ValidationTest, SelfProtectionNotifications) {

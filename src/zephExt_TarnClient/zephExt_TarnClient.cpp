@@ -12,8 +12,10 @@ namespace {
 constexpr uint32_t kPrerequisiteKind = 100;
 const FileVersion kFallbackAgentVersion = {3, 0, 0, 1001};
 
-void LogEntry(const char* exportName) {
+// Logs the export's entry and binds to the host; false when the export must refuse.
+bool EnterBoundExport(const char* exportName) {
     LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
+    return IsValidLoader();
 }
 void LogExit(const char* exportName) {
     LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
@@ -36,8 +38,7 @@ uint32_t NotAvailableYet(const char* exportName, uint32_t failureCode) {
 
 // An update export: entry line, host binding, then its (pending) work.
 uint32_t PendingUpdateStage(const char* exportName) {
-    LogEntry(exportName);
-    if (!IsValidLoader())
+    if (!EnterBoundExport(exportName))
         return RESULT_GENERIC_FAILURE;
     return NotAvailableYet(exportName, RESULT_GENERIC_FAILURE);
 }
@@ -56,8 +57,7 @@ uint32_t zephExt_Deinit(void) {
 
 uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
     const char* self = "zephExt_GetPrerequest";
-    LogEntry(self);
-    if (!IsValidLoader())
+    if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     if (!record) {
         LOGA(LOG_ERROR, "%s - Invalid prerequisite record.", self);
@@ -79,8 +79,7 @@ uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
 
 uint32_t zephExt_CreateContext(void** context) {
     const char* self = "zephExt_CreateContext";
-    LogEntry(self);
-    if (!IsValidLoader())
+    if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     HANDLE heap = ProcessHeap(self);
     if (!heap)
@@ -102,8 +101,7 @@ uint32_t zephExt_CreateContext(void** context) {
 
 uint32_t zephExt_ReleaseContext(void* context) {
     const char* self = "zephExt_ReleaseContext";
-    LogEntry(self);
-    if (!IsValidLoader())
+    if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     HANDLE heap = ProcessHeap(self);
     if (!heap)
