@@ -83,3 +83,14 @@ std::wstring HostJournalPath() {
     TestBedRegistry::ReadText(kHostBehaviourKey, kJournalValue, path);
     return path;
 }
+
+bool CreateFolderTree(const std::wstring& folder) {
+    std::wstring path = folder;
+    if (path.empty() || path.back() != L'\\')
+        path += L'\\';
+    for (size_t end = path.find(L'\\', 3); end != std::wstring::npos;
+         end = path.find(L'\\', end + 1))
+        CreateDirectoryW(path.substr(0, end).c_str(), nullptr);
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}

@@ -33,5 +33,8 @@ void DeleteTree(const wchar_t* key);
 
 } // namespace TestBedRegistry
 
+// Creates every missing folder on the way to `folder` (a drive-letter path).
+bool CreateFolderTree(const std::wstring& folder);
+
 // The journal file of the host library double: the Journal value or the default.
 std::wstring HostJournalPath();

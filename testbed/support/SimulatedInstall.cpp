@@ -21,24 +21,9 @@ std::wstring WithTrailingBackslash(std::wstring folder) {
     return folder;
 }
 
-// Creates every missing folder on the way to `folder`.
-bool CreateFolderTree(const std::wstring& folder) {
-    std::wstring path = WithTrailingBackslash(folder);
-    for (size_t end = path.find(L'\\', 3); end != std::wstring::npos;
-         end = path.find(L'\\', end + 1))
-        CreateDirectoryW(path.substr(0, end).c_str(), nullptr);
-    DWORD attributes = GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
-}
-
 void RemoveFolderTree(const std::wstring& folder) {
     std::error_code ignored;
     std::filesystem::remove_all(std::filesystem::path(folder), ignored);
-}
-
-std::wstring ParentFolder(const std::wstring& path) {
-    size_t slash = path.rfind(L'\\');
-    return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
 }
 
 } // namespace
@@ -48,7 +33,7 @@ namespace SimulatedInstall {
 const wchar_t kFolder[] = L"C:\\ZephTestBed\\Corvale\\";
 
 bool Create(HostLibraryVariant variant, const std::wstring& folder) {
-    if (!CreateFolderTree(folder) || !CreateFolderTree(ParentFolder(HostJournalPath())))
+    if (!CreateFolderTree(folder))
         return false;
     std::wstring target = WithTrailingBackslash(folder) + kHostLibraryName;
     if (!CopyFileW(BinPath(HostDoubleFile(variant)).c_str(), target.c_str(), FALSE))

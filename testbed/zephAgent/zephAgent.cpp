@@ -27,11 +27,20 @@ std::string ToUtf8(const std::wstring& text) {
     return narrow;
 }
 
+ScopedFile OpenJournal(const std::wstring& path) {
+    return ScopedFile(CreateFileW(path.c_str(), FILE_APPEND_DATA,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
 // Opened and closed per line: every call's line is on disk when it returns.
+// The journal's folder is made on first use, whoever removed it.
 void Journal(const std::string& line) {
-    ScopedFile file(CreateFileW(HostJournalPath().c_str(), FILE_APPEND_DATA,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    std::wstring path = HostJournalPath();
+    ScopedFile file = OpenJournal(path);
+    if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
+        CreateFolderTree(path.substr(0, path.rfind(L'\\'))))
+        file = OpenJournal(path);
     if (!file)
         return;
     std::string text = line + "\n";
