@@ -16,7 +16,6 @@
 
 namespace {
 
-const wchar_t kLogPipe[] = L"\\\\.\\pipe\\Log_ServerNamePipe";
 constexpr DWORD kStopPollMs = 100;
 
 struct Options {
@@ -38,12 +37,6 @@ bool ParseOptions(int count, wchar_t** arguments, Options& options) {
             return false;
     }
     return true;
-}
-
-// Any answer but "no such pipe" means another server has the log pipe
-// (Wine ignores FILE_FLAG_FIRST_PIPE_INSTANCE, so that cannot tell).
-bool LogPipeServedElsewhere() {
-    return WaitNamedPipeW(kLogPipe, 1) || GetLastError() != ERROR_FILE_NOT_FOUND;
 }
 
 // One line per record: a line break inside a message is shown as "\n".
@@ -111,16 +104,12 @@ int Serve(const Options& options) {
         std::fprintf(stderr, "cannot open %s\n", Narrow(options.outFile).c_str());
         return 1;
     }
-    if (LogPipeServedElsewhere()) {
-        std::printf("log pipe already served\n");
-        return 1;
-    }
     // A stop file left from an earlier run must not stop this one.
     if (!options.stopFile.empty())
         DeleteFileW(options.stopFile.c_str());
     LogServer server([&writer](const LogRecord& record) { writer.Write(record); });
     if (!server.Start()) {
-        std::printf("cannot serve the log pipe error=%lu\n", GetLastError());
+        std::printf("log pipe already served\n");
         return 1;
     }
     WaitForStopFile(options.stopFile);

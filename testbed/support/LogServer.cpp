@@ -92,6 +92,10 @@ struct ListeningPipe {
 };
 
 bool LogServer::Start() {
+    // Any answer but "no such pipe" means another server has the log pipe
+    // (Wine ignores FILE_FLAG_FIRST_PIPE_INSTANCE, so that cannot tell).
+    if (WaitNamedPipeW(kPipeName, 1) || GetLastError() != ERROR_FILE_NOT_FOUND)
+        return false;
     auto first = std::make_unique<ListeningPipe>();
     if (!first->Listen())
         return false;

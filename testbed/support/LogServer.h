@@ -44,6 +44,7 @@ class LogServer {
     LogServer(const LogServer&) = delete;
     LogServer& operator=(const LogServer&) = delete;
 
+    // False when the pipe can't be made or another server already has it.
     bool Start();
     void Stop();
 
