@@ -1,5 +1,6 @@
 #include "DebugLog.h"
 #include "JsonRequest.h"
+#include "Queries.h"
 #include "RequestHandlers.h"
 #include "RequestValidation.h"
 #include "ResultCodes.h"
@@ -16,21 +17,6 @@
 namespace {
 
 using Allocator = rapidjson::Document::AllocatorType;
-
-// The four queries are answered by a later change; until then each one
-// reports a failure and leaves its result empty.
-uint32_t getClientStatusData(rapidjson::Value&, Allocator&) {
-    return RESULT_FAILED;
-}
-uint32_t getCommonSettings(rapidjson::Value&, Allocator&) {
-    return RESULT_FAILED;
-}
-uint32_t getServiceStatus(rapidjson::Value&, Allocator&) {
-    return RESULT_FAILED;
-}
-uint32_t getSelfProtectionData(rapidjson::Value&, Allocator&) {
-    return RESULT_FAILED;
-}
 
 std::string QueryIdOf(const rapidjson::Value& request) {
     const rapidjson::Value* queryId = FindMember(request, "query_id");
