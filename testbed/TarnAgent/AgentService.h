@@ -1,0 +1,35 @@
+#pragma once
+// What the agent double and the tests that drive it share: the service's name,
+// where the double takes its behaviour from and writes its journal, and the
+// few Service Control Manager steps both sides take.
+#include "ScopedHandle.h"
+
+#include <windows.h>
+
+inline constexpr wchar_t kAgentServiceName[] = L"TarnAgent";
+inline constexpr wchar_t kAgentBehaviourKey[] = L"SOFTWARE\\ZephTestBed\\TarnAgent";
+
+// REG_DWORD values under kAgentBehaviourKey; an absent value reads as 0.
+inline constexpr wchar_t kInstallExitCodeValue[] = L"InstallExitCode";
+inline constexpr wchar_t kDeleteExitCodeValue[] = L"DeleteExitCode";
+inline constexpr wchar_t kStartDelayValue[] = L"StartDelayMs";
+inline constexpr wchar_t kStopDelayValue[] = L"StopDelayMs";
+inline constexpr wchar_t kStuckStopPendingValue[] = L"StuckStopPending";
+
+inline constexpr wchar_t kAgentJournalFolder[] = L"C:\\ZephTestBed";
+inline constexpr wchar_t kAgentJournal[] = L"C:\\ZephTestBed\\TarnAgent_journal.txt";
+
+namespace AgentService {
+
+// Empty owners when the manager or the service cannot be opened; the thread's
+// last error then tells why (ERROR_SERVICE_DOES_NOT_EXIST for a missing service).
+ScopedServiceHandle OpenManager(DWORD access);
+ScopedServiceHandle Open(DWORD access);
+
+bool QueryStatus(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
+// Polls until the service reports `state`; false on a failed query or time-out.
+bool WaitForState(SC_HANDLE service, DWORD state, DWORD timeoutMs);
+// Asks a running or paused service to stop and waits until it has stopped.
+bool StopAndWait(SC_HANDLE service, DWORD timeoutMs);
+
+} // namespace AgentService

@@ -1,0 +1,232 @@
+// The agent double. "-install" and "-delete" create and delete its own service;
+// started by the Service Control Manager it runs as that service. What it does
+// comes from the registry (kAgentBehaviourKey), so a test can put the service
+// in every state and make the installer or uninstaller fail; every event is
+// appended to the journal (kAgentJournal).
+#include "AgentService.h"
+#include "HostDouble.h"
+
+#include <shellapi.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kExitUsage = 2;
+constexpr DWORD kDeleteStopWaitMs = 10000;
+// A pending phase advances its check point this often, so a client that waits
+// while the service makes progress sees the phase through.
+constexpr DWORD kProgressStepMs = 500;
+constexpr wchar_t kDisplayName[] = L"Tarn Agent (test bed double)";
+
+DWORD Setting(const wchar_t* name) {
+    DWORD value = 0;
+    TestBedRegistry::ReadDword(kAgentBehaviourKey, name, value);
+    return value;
+}
+
+// Opened and closed per line: each event is on disk before the service reports
+// the state that follows it. The folder comes back when a test removed it.
+void Journal(const std::string& line) {
+    CreateDirectoryW(kAgentJournalFolder, nullptr);
+    ScopedFile file(CreateFileW(kAgentJournal, FILE_APPEND_DATA,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    std::string text = line + "\n";
+    DWORD written = 0;
+    if (file)
+        WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+// ---- "-install" and "-delete" ------------------------------------------------
+
+std::wstring OwnPath() {
+    std::wstring path(32768, L'\0'); // the longest path Windows has
+    path.resize(GetModuleFileNameW(nullptr, &path[0], static_cast<DWORD>(path.size())));
+    return path;
+}
+
+// An existing service counts as created: the installer's answer is the same.
+bool CreateOwnService() {
+    ScopedServiceHandle manager = AgentService::OpenManager(SC_MANAGER_CREATE_SERVICE);
+    if (!manager)
+        return false;
+    std::wstring command = L"\"" + OwnPath() + L"\"";
+    ScopedServiceHandle service(
+        CreateServiceW(manager.Get(), kAgentServiceName, kDisplayName, SERVICE_QUERY_STATUS,
+                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                       command.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    return service || GetLastError() == ERROR_SERVICE_EXISTS;
+}
+
+// A missing service counts as deleted.
+bool DeleteOwnService() {
+    ScopedServiceHandle service = AgentService::Open(SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE);
+    if (!service)
+        return GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST;
+    AgentService::StopAndWait(service.Get(), kDeleteStopWaitMs);
+    return DeleteService(service.Get()) || GetLastError() == ERROR_SERVICE_MARKED_FOR_DELETE;
+}
+
+// The configured code on success; a real failure shows as its system error.
+int Install() {
+    Journal("install");
+    if (!CreateOwnService())
+        return static_cast<int>(GetLastError());
+    return static_cast<int>(Setting(kInstallExitCodeValue));
+}
+
+int Delete() {
+    Journal("delete");
+    if (!DeleteOwnService())
+        return static_cast<int>(GetLastError());
+    return static_cast<int>(Setting(kDeleteExitCodeValue));
+}
+
+// ---- The service ---------------------------------------------------------------
+
+struct ServiceBehaviour {
+    DWORD startDelayMs = 0;
+    DWORD stopDelayMs = 0;
+    bool stuckStopPending = false;
+};
+
+struct RunningService {
+    std::mutex lock; // the control handler and the service thread both report
+    SERVICE_STATUS_HANDLE statusHandle = nullptr;
+    SERVICE_STATUS status{};
+    ScopedKernelHandle stopEvent;
+    ServiceBehaviour behaviour;
+};
+RunningService g_service;
+
+ServiceBehaviour ReadBehaviour() {
+    ServiceBehaviour behaviour;
+    behaviour.startDelayMs = Setting(kStartDelayValue);
+    behaviour.stopDelayMs = Setting(kStopDelayValue);
+    behaviour.stuckStopPending = Setting(kStuckStopPendingValue) != 0;
+    return behaviour;
+}
+
+DWORD AcceptedControls(DWORD state) {
+    if (state == SERVICE_RUNNING || state == SERVICE_PAUSED)
+        return SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PAUSE_CONTINUE;
+    return 0;
+}
+
+void Report(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0) {
+    std::lock_guard<std::mutex> guard(g_service.lock);
+    SERVICE_STATUS& status = g_service.status;
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = AcceptedControls(state);
+    status.dwWin32ExitCode = NO_ERROR;
+    status.dwCheckPoint = checkPoint;
+    status.dwWaitHint = waitHint;
+    SetServiceStatus(g_service.statusHandle, &status);
+}
+
+// Reports `state` for durationMs (the wait hint), advancing the check point.
+void Pending(DWORD state, DWORD durationMs) {
+    DWORD checkPoint = 1;
+    for (DWORD waited = 0; waited < durationMs; waited += kProgressStepMs) {
+        Report(state, checkPoint++, durationMs);
+        Sleep(std::min(kProgressStepMs, durationMs - waited));
+    }
+    Report(state, checkPoint, durationMs);
+}
+
+// The first stop-pending report; a stuck stop never gets past it, so its check
+// point stays put and its wait hint is all a waiting client has to go by.
+void EnterStopPending() {
+    Report(SERVICE_STOP_PENDING, 1, g_service.behaviour.stopDelayMs);
+}
+
+[[noreturn]] void StayStopPending() {
+    EnterStopPending();
+    for (;;)
+        Sleep(INFINITE);
+}
+
+// The running (or paused) service's work; returns when a stop is asked for.
+void RunUntilStopped(HANDLE stopEvent) {
+    WaitForSingleObject(stopEvent, INFINITE);
+}
+
+DWORD WINAPI ControlHandler(DWORD control, DWORD, void*, void*) {
+    Journal("control " + std::to_string(control));
+    switch (control) {
+    case SERVICE_CONTROL_STOP:
+        EnterStopPending();
+        SetEvent(g_service.stopEvent.Get());
+        return NO_ERROR;
+    case SERVICE_CONTROL_PAUSE:
+        Report(SERVICE_PAUSED);
+        return NO_ERROR;
+    case SERVICE_CONTROL_CONTINUE:
+        Report(SERVICE_RUNNING);
+        return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+        return NO_ERROR;
+    default:
+        return ERROR_CALL_NOT_IMPLEMENTED;
+    }
+}
+
+void WINAPI ServiceMain(DWORD, LPWSTR*) {
+    g_service.behaviour = ReadBehaviour();
+    g_service.statusHandle =
+        RegisterServiceCtrlHandlerExW(kAgentServiceName, ControlHandler, nullptr);
+    if (!g_service.statusHandle)
+        return;
+    Journal("service start");
+    Pending(SERVICE_START_PENDING, g_service.behaviour.startDelayMs);
+    Report(SERVICE_RUNNING);
+    RunUntilStopped(g_service.stopEvent.Get());
+    if (g_service.behaviour.stuckStopPending)
+        StayStopPending();
+    Pending(SERVICE_STOP_PENDING, g_service.behaviour.stopDelayMs);
+    Journal("service stop"); // before STOPPED: the process may end right after it
+    Report(SERVICE_STOPPED);
+}
+
+int Usage() {
+    std::fprintf(stderr, "usage: TarnAgent.exe -install | -delete\n"
+                         "(without arguments it runs as the service the Service Control"
+                         " Manager starts)\n");
+    return kExitUsage;
+}
+
+int RunService() {
+    g_service.stopEvent = ScopedKernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    SERVICE_TABLE_ENTRYW table[] = {{const_cast<wchar_t*>(kAgentServiceName), ServiceMain},
+                                    {nullptr, nullptr}};
+    return StartServiceCtrlDispatcherW(table) ? 0 : Usage();
+}
+
+std::vector<std::wstring> WideArguments() {
+    int count = 0;
+    wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::wstring> arguments;
+    for (int i = 1; wide && i < count; ++i) // without the program's own name
+        arguments.push_back(wide[i]);
+    LocalFree(wide);
+    return arguments;
+}
+
+} // namespace
+
+int main() {
+    std::vector<std::wstring> arguments = WideArguments();
+    if (arguments.empty())
+        return RunService();
+    if (arguments.size() == 1 && arguments[0] == L"-install")
+        return Install();
+    if (arguments.size() == 1 && arguments[0] == L"-delete")
+        return Delete();
+    return Usage();
+}
