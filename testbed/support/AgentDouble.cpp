@@ -1,0 +1,141 @@
+#include "AgentDouble.h"
+
+#include "AgentService.h"
+#include "TestBed.h"
+
+#include <filesystem>
+
+namespace {
+
+const wchar_t kClientParent[] = L"C:\\ZephTestBed\\iService";
+// A running or paused service gets this long to stop before it is killed.
+constexpr DWORD kGracefulStopMs = 5000;
+constexpr DWORD kKillWaitMs = 5000;
+// A deleted service lingers until the last handle to it is closed.
+constexpr DWORD kForgetWaitMs = 10000;
+constexpr DWORD kPollMs = 50;
+
+std::wstring ClientFile(const wchar_t* name) {
+    return std::wstring(AgentDouble::kClientFolder) + L"\\" + name;
+}
+
+bool CopyIntoClientFolder(const wchar_t* source, const wchar_t* name) {
+    return CopyFileW(BinPath(source).c_str(), ClientFile(name).c_str(), FALSE) != FALSE;
+}
+
+bool StopGracefully(SC_HANDLE service) {
+    SERVICE_STATUS_PROCESS status{};
+    if (!AgentService::QueryStatus(service, status))
+        return false;
+    // A pending service may never leave its state (a stuck stop, a slow start
+    // that refuses controls): not worth the wait.
+    DWORD state = status.dwCurrentState;
+    bool settled = state == SERVICE_STOPPED || state == SERVICE_RUNNING || state == SERVICE_PAUSED;
+    return settled && AgentService::StopAndWait(service, kGracefulStopMs);
+}
+
+// Windows' Service Control Manager records a killed service as stopped; Wine's
+// keeps its last state, but deletes it all the same once the handles are closed.
+void KillServiceProcess(SC_HANDLE service) {
+    SERVICE_STATUS_PROCESS status{};
+    if (!AgentService::QueryStatus(service, status) || status.dwProcessId == 0)
+        return;
+    ScopedKernelHandle process(
+        OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, status.dwProcessId));
+    if (process && TerminateProcess(process.Get(), 1))
+        WaitForSingleObject(process.Get(), kKillWaitMs);
+}
+
+void WaitUntilForgotten() {
+    const DWORD start = GetTickCount();
+    while (GetTickCount() - start < kForgetWaitMs) {
+        if (!AgentService::Open(SERVICE_QUERY_STATUS) &&
+            GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
+            return;
+        Sleep(kPollMs);
+    }
+}
+
+void RemoveService() {
+    {
+        ScopedServiceHandle service = AgentService::Open(SERVICE_ALL_ACCESS);
+        if (!service)
+            return;
+        if (!StopGracefully(service.Get()))
+            KillServiceProcess(service.Get());
+        DeleteService(service.Get());
+    }
+    WaitUntilForgotten();
+}
+
+void RemoveFolderTree(const std::wstring& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
+}
+
+} // namespace
+
+namespace AgentDouble {
+
+const wchar_t kClientFolder[] = L"C:\\ZephTestBed\\iService\\Tarn";
+
+bool SetBehaviour(const Behaviour& behaviour) {
+    const wchar_t* key = kAgentBehaviourKey;
+    return TestBedRegistry::WriteDword(key, kInstallExitCodeValue, behaviour.installExitCode) &&
+           TestBedRegistry::WriteDword(key, kDeleteExitCodeValue, behaviour.deleteExitCode) &&
+           TestBedRegistry::WriteDword(key, kStartDelayValue, behaviour.startDelayMs) &&
+           TestBedRegistry::WriteDword(key, kStopDelayValue, behaviour.stopDelayMs) &&
+           TestBedRegistry::WriteDword(key, kStuckStopPendingValue, behaviour.stuckStopPending);
+}
+
+bool Place(Version version) {
+    const wchar_t* build = version == Version::V3_2 ? L"TarnAgent.exe" : L"TarnAgent_3.3.exe";
+    return CreateFolderTree(kClientFolder) && CopyIntoClientFolder(build, L"TarnAgent.exe") &&
+           CopyIntoClientFolder(L"hdc.exe", L"hdc.exe");
+}
+
+DWORD RunInstall() {
+    return RunProcess({ClientFile(L"TarnAgent.exe"), L"-install"}).exitCode;
+}
+
+bool Start(DWORD until, DWORD timeoutMs) {
+    ScopedServiceHandle service = AgentService::Open(SERVICE_START | SERVICE_QUERY_STATUS);
+    if (!service || (!StartServiceW(service.Get(), 0, nullptr) &&
+                     GetLastError() != ERROR_SERVICE_ALREADY_RUNNING))
+        return false;
+    return AgentService::WaitForState(service.Get(), until, timeoutMs);
+}
+
+bool Control(DWORD control, DWORD until, DWORD timeoutMs) {
+    ScopedServiceHandle service =
+        AgentService::Open(SERVICE_STOP | SERVICE_PAUSE_CONTINUE | SERVICE_QUERY_STATUS);
+    SERVICE_STATUS status{};
+    return service && ControlService(service.Get(), control, &status) &&
+           AgentService::WaitForState(service.Get(), until, timeoutMs);
+}
+
+DWORD State() {
+    ScopedServiceHandle service = AgentService::Open(SERVICE_QUERY_STATUS);
+    SERVICE_STATUS_PROCESS status{};
+    if (!service || !AgentService::QueryStatus(service.Get(), status))
+        return 0;
+    return status.dwCurrentState;
+}
+
+void Remove() {
+    RemoveService();
+    RemoveFolderTree(kClientFolder);
+    RemoveDirectoryW(kClientParent); // only when nothing else is left in it
+    TestBedRegistry::DeleteTree(kAgentBehaviourKey);
+    DeleteFileW(kAgentJournal);
+    RemoveDirectoryW(kAgentJournalFolder); // likewise
+}
+
+std::vector<std::string> Journal() {
+    std::string bytes;
+    if (!ReadFileBytes(kAgentJournal, bytes))
+        return {};
+    return SplitLines(bytes);
+}
+
+} // namespace AgentDouble

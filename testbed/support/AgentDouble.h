@@ -1,0 +1,52 @@
+#pragma once
+// Drives the agent double (TarnAgent.exe) for tests and scripts: places it in
+// the client folder, sets what it does, runs its installer and moves its
+// service through every state, and removes every trace of it again.
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace AgentDouble {
+
+// The parent of SimulatedInstall::kFolder + "iService\\Tarn", without a
+// trailing backslash: where the plug-in looks for the agent.
+extern const wchar_t kClientFolder[]; // L"C:\\ZephTestBed\\iService\\Tarn"
+
+// TarnAgent.exe has product version 3.2.1045.7, TarnAgent_3.3.exe 3.3.1100.9;
+// the file versions of both differ from their product versions.
+enum class Version { V3_2, V3_3 };
+
+// Read by the double when it starts: the installer and uninstaller at their
+// run, the service when the Service Control Manager starts it.
+struct Behaviour {
+    DWORD installExitCode = 0; // "-install" exits with it (signed: -110 is 0xFFFFFF92)
+    DWORD deleteExitCode = 0;  // "-delete" exits with it
+    DWORD startDelayMs = 0;    // START_PENDING for this long, the check point advancing
+    DWORD stopDelayMs = 0;     // STOP_PENDING for this long, the check point advancing
+    // Stays in STOP_PENDING with a frozen check point until its process is
+    // killed; the wait hint it reports is stopDelayMs.
+    bool stuckStopPending = false;
+};
+bool SetBehaviour(const Behaviour& behaviour);
+
+// Copies the chosen TarnAgent build (as "TarnAgent.exe") and hdc.exe into kClientFolder.
+bool Place(Version version = Version::V3_2);
+// Runs "<client folder>\TarnAgent.exe -install" and answers its exit code.
+DWORD RunInstall();
+// Starts the service and waits until it reports `until` (default SERVICE_RUNNING) or the timeout
+// passes.
+bool Start(DWORD until = SERVICE_RUNNING, DWORD timeoutMs = 15000);
+// Sends a control (SERVICE_CONTROL_STOP, _PAUSE, _CONTINUE) and waits for the state `until` or the
+// timeout.
+bool Control(DWORD control, DWORD until, DWORD timeoutMs = 15000);
+// The service's current state, 0 when the service does not exist.
+DWORD State();
+// Whatever state it is in: stops the service (killing its process if it is stuck), deletes it,
+// deletes kClientFolder, the behaviour key and the journal. Safe to call when nothing exists.
+void Remove();
+// Lines of the double's journal in the order written ("install", "delete",
+// "service start", "service stop", "control <n>"); empty when there is none.
+std::vector<std::string> Journal();
+
+} // namespace AgentDouble
