@@ -7,6 +7,10 @@
 //   tbctl host [--loader-verdict N] [--syscall-status N] [--syscall-response <json>]
 //   tbctl journal [--clear]
 //   tbctl log-mark <text>        sends one record to the log server
+//   tbctl agent place [--version 3.2|3.3] | install | start | stop | remove | state
+//   tbctl agent behave [--install-exit N] [--delete-exit N] [--start-delay-ms N]
+//                      [--stop-delay-ms N] [--stuck-stop 0|1]
+#include "AgentDouble.h"
 #include "DebugLog.h"
 #include "TestBed.h"
 
@@ -130,6 +134,86 @@ int LogMark(const Arguments& arguments) {
     return sent ? 0 : kExitFailed;
 }
 
+// ---- tbctl agent: the agent double -------------------------------------------
+
+int AgentPlace(const Arguments& arguments) {
+    std::map<std::wstring, std::wstring> values;
+    if (!ParsePairs(arguments, {L"--version"}, values))
+        return kExitUsage;
+    std::wstring version = values.count(L"--version") ? values[L"--version"] : L"3.2";
+    if (version != L"3.2" && version != L"3.3")
+        return kExitUsage;
+    bool placed = AgentDouble::Place(version == L"3.2" ? AgentDouble::Version::V3_2
+                                                       : AgentDouble::Version::V3_3);
+    return Outcome(placed, "agent place");
+}
+
+// Prints the installer's exit code signed, as the plug-in reads it (-110).
+int AgentInstall() {
+    std::printf("%ld\n", static_cast<long>(static_cast<LONG>(AgentDouble::RunInstall())));
+    return 0;
+}
+
+int AgentBehave(const Arguments& arguments) {
+    std::map<std::wstring, std::wstring> values;
+    const std::vector<std::wstring> names = {L"--install-exit", L"--delete-exit",
+                                             L"--start-delay-ms", L"--stop-delay-ms",
+                                             L"--stuck-stop"};
+    if (!ParsePairs(arguments, names, values))
+        return kExitUsage;
+    AgentDouble::Behaviour behaviour;
+    DWORD stuck = 0;
+    DWORD* fields[] = {&behaviour.installExitCode, &behaviour.deleteExitCode,
+                       &behaviour.startDelayMs, &behaviour.stopDelayMs, &stuck};
+    for (size_t i = 0; i < names.size(); ++i)
+        if (values.count(names[i]) && !ParseNumber(values[names[i]], *fields[i]))
+            return kExitUsage;
+    behaviour.stuckStopPending = stuck != 0;
+    return Outcome(AgentDouble::SetBehaviour(behaviour), "agent behave");
+}
+
+int AgentStart() {
+    return Outcome(AgentDouble::Start(), "agent start");
+}
+
+int AgentStop() {
+    return Outcome(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED), "agent stop");
+}
+
+int AgentRemove() {
+    AgentDouble::Remove();
+    return 0;
+}
+
+// The state's number and name; "0 none" when the service does not exist.
+int AgentState() {
+    static const char* const names[] = {"none",          "stopped", "start-pending",
+                                        "stop-pending",  "running", "continue-pending",
+                                        "pause-pending", "paused"};
+    DWORD state = AgentDouble::State();
+    std::printf("%lu %s\n", state, state < 8 ? names[state] : "unknown");
+    return 0;
+}
+
+int Agent(const Arguments& arguments) {
+    static const std::map<std::wstring, int (*)()> bare = {
+        {L"install", AgentInstall}, {L"start", AgentStart}, {L"stop", AgentStop},
+        {L"remove", AgentRemove},   {L"state", AgentState},
+    };
+    static const std::map<std::wstring, int (*)(const Arguments&)> withOptions = {
+        {L"place", AgentPlace},
+        {L"behave", AgentBehave},
+    };
+    if (arguments.empty())
+        return kExitUsage;
+    Arguments options(arguments.begin() + 1, arguments.end());
+    auto command = bare.find(arguments[0]);
+    if (command != bare.end())
+        return options.empty() ? command->second() : kExitUsage;
+    auto optioned = withOptions.find(arguments[0]);
+    return optioned != withOptions.end() ? optioned->second(options) : kExitUsage;
+}
+
 int Usage() {
     std::fprintf(stderr, "usage: tbctl install [--variant full|nosyscall] [--folder <dir>]\n"
                          "       tbctl remove\n"
@@ -137,7 +221,11 @@ int Usage() {
                          "       tbctl host [--loader-verdict N] [--syscall-status N]"
                          " [--syscall-response <json>]\n"
                          "       tbctl journal [--clear]\n"
-                         "       tbctl log-mark <text>\n");
+                         "       tbctl log-mark <text>\n"
+                         "       tbctl agent place [--version 3.2|3.3] | install | start | stop"
+                         " | remove | state\n"
+                         "       tbctl agent behave [--install-exit N] [--delete-exit N]"
+                         " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1]\n");
     return kExitUsage;
 }
 
@@ -158,6 +246,7 @@ int main() {
     static const std::map<std::wstring, int (*)(const Arguments&)> commands = {
         {L"install", Install}, {L"remove", Remove},   {L"app-path", ApplicationPath},
         {L"host", Host},       {L"journal", Journal}, {L"log-mark", LogMark},
+        {L"agent", Agent},
     };
     Arguments arguments = WideArguments();
     auto command = arguments.size() > 1 ? commands.find(arguments[1]) : commands.end();
