@@ -1,6 +1,7 @@
 #include "ZephIntegration.h"
 
 #include "DebugLog.h"
+#include "ResolveProc.h"
 #include "UtilRegistry.h"
 
 #include <rapidjson/document.h>
@@ -75,11 +76,6 @@ bool ShimValidationEnabled() {
                          reinterpret_cast<BYTE*>(&value), &size) != ERROR_SUCCESS)
         return false;
     return value == 1;
-}
-
-// GetProcAddress answers a generic pointer; each entry has its own type.
-template <typename Function> Function ResolveEntry(HMODULE module, const char* name) {
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
 std::wstring JoinPath(const wchar_t* folder, const wchar_t* fileName) {
@@ -208,15 +204,15 @@ int ZephAgentAdapter::Bind(const wchar_t* libraryPath) {
         return 0;
 
     HMODULE module = m_module.Get();
-    m_systemCall = ResolveEntry<SystemCallFn>(module, "zephCnt_SystemCall");
-    m_free = ResolveEntry<FreeFn>(module, "zephCnt_Free");
+    m_systemCall = ResolveProc<SystemCallFn>(module, "zephCnt_SystemCall");
+    m_free = ResolveProc<FreeFn>(module, "zephCnt_Free");
     m_createProcessWithSignCheck = GetProcAddress(module, "zephCnt_CreateProcessWithSignCheck");
     m_loadLibraryWithSignCheck = GetProcAddress(module, "zephCnt_LoadLibraryWithSignCheck");
     m_verifyEmbeddedSignature = GetProcAddress(module, "zephCnt_VerifyEmbeddedSignature");
     m_verifyEmbeddedSignatureAndSigner =
         GetProcAddress(module, "zephCnt_VerifyEmbeddedSignatureAndSigner");
     m_verifyLoaderProcessSign =
-        ResolveEntry<VerifyLoaderProcessSignFn>(module, "zephCnt_VerifyLoaderProcessSign");
+        ResolveProc<VerifyLoaderProcessSignFn>(module, "zephCnt_VerifyLoaderProcessSign");
     m_createProcessWithSignCheckAndAddException =
         GetProcAddress(module, "zephCnt_CreateProcessWithSignCheckAndAddException");
     m_isLightWeightModeEnabled = GetProcAddress(module, "zephCnt_IsLightWeightModeEnabled");
