@@ -1,0 +1,234 @@
+// The four queries against the real Service Control Manager, registry and
+// files of the Wine prefix, with the agent double installed in its states.
+#include "AgentDouble.h"
+#include "LogCapture.h"
+#include "Queries.h"
+#include "UtilClientInfo.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <fstream>
+
+namespace {
+
+const std::string kClientFolder = "C:\\\\ZephTestBed\\\\iService\\\\Tarn"; // as JSON text
+const wchar_t kImageOptions[] =
+    L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
+
+class QueryTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        AgentDouble::Remove();
+        SimulatedInstall::Remove();
+        ASSERT_TRUE(SimulatedInstall::Create());
+    }
+    void TearDown() override {
+        AgentDouble::Remove();
+        SimulatedInstall::Remove();
+    }
+
+    // Runs one query; answers its result object as compact JSON.
+    static std::string Run(uint32_t (*query)(rapidjson::Value&, JsonAllocator&),
+                           uint32_t expectedCode = 0) {
+        rapidjson::Document result(rapidjson::kObjectType);
+        EXPECT_EQ(query(result, result.GetAllocator()), expectedCode);
+        rapidjson::StringBuffer buffer;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        result.Accept(writer);
+        return buffer.GetString();
+    }
+
+    static std::string ServiceStatus(int code) {
+        return R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"status_code":)" +
+               std::to_string(code) + R"(,"status_mode":0}})";
+    }
+    static std::string ClientStatus(int status, const std::string& version,
+                                    const std::string& display) {
+        return R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"EngineInfo":[],)"
+               R"("PatternInfo":[],"PluginServiceInfo":{"SLF_LastCompliantState":"0",)"
+               R"("SLF_PluginServiceID":747,"SLF_PropertyID":12,"SLF_Status":)" +
+               std::to_string(status) + R"(,"SLF_Version":")" + version +
+               R"(","Display_Version":")" + display + R"("}}})";
+    }
+
+    // Both status queries for the agent service in its current state.
+    void ExpectStatus(int statusLog, int statusCode) {
+        EXPECT_EQ(Run(getClientStatusData), ClientStatus(statusLog, "3.2.7", "3.2.1045.7"));
+        EXPECT_EQ(Run(getServiceStatus), ServiceStatus(statusCode));
+        EXPECT_EQ(Logged(), Lines{});
+    }
+};
+
+TEST_F(QueryTest, ClientFolderIsBesideTheParentProductsFolder) {
+    std::wstring clientPath;
+    ASSERT_TRUE(SimulatedInstall::SetApplicationPath(L"C:\\A\\B\\"));
+    EXPECT_TRUE(GetClientPath(clientPath));
+    EXPECT_EQ(clientPath, L"C:\\A\\iService\\Tarn");
+    ASSERT_TRUE(SimulatedInstall::SetApplicationPath(L"C:\\"));
+    EXPECT_TRUE(GetClientPath(clientPath));
+    EXPECT_EQ(clientPath, L"iService\\Tarn");
+    EXPECT_EQ(Logged(), Lines{});
+    EXPECT_EQ(ClientFile(L"C:\\x", L"a.exe"), L"C:\\x\\a.exe");
+    EXPECT_EQ(ClientFile(L"C:\\x\\", L"a.exe"), L"C:\\x\\a.exe");
+}
+
+TEST_F(QueryTest, VersionsAreTheProductVersion) {
+    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_2));
+    FileVersion version;
+    ASSERT_TRUE(GetAgentVersion(version));
+    EXPECT_EQ(version.major, 3u);
+    EXPECT_EQ(version.minor, 2u);
+    EXPECT_EQ(version.third, 1045u);
+    EXPECT_EQ(version.build, 7u);
+    // A file without a version resource answers false without a word.
+    EXPECT_FALSE(GetFileVersion(std::wstring(AgentDouble::kClientFolder) + L"\\hdc.exe", version));
+    EXPECT_FALSE(GetFileVersion(L"C:\\ZephTestBed\\missing.exe", version));
+    EXPECT_EQ(Logged(), Lines{});
+    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
+    EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "3.3.9", "3.3.1100.9"));
+}
+
+TEST_F(QueryTest, AbsentAgentAnswersUnknownStateAndEmptyVersions) {
+    EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "", ""));
+    const std::string openFailed =
+        "E GetClientServiceStatus - OpenService(TarnAgent) failed (1060)\n";
+    EXPECT_EQ(Logged(), (Lines{openFailed, "E getClientStatusData - Failed to get client status.",
+                               "E getClientStatusData - Failed to get client version.",
+                               "E getClientStatusData - Failed to get display client version."}));
+    EXPECT_EQ(Run(getServiceStatus), ServiceStatus(4));
+    EXPECT_EQ(Logged(),
+              (Lines{openFailed,
+                     "E getServiceStatus - Unable to get service status. Treat as not installed."}));
+}
+
+TEST_F(QueryTest, StoppedRunningAndPausedAgent) {
+    ASSERT_TRUE(AgentDouble::Place());
+    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
+    ExpectStatus(3, 2);
+    ASSERT_TRUE(AgentDouble::Start());
+    ExpectStatus(7, 1);
+    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
+    ExpectStatus(7, 1);
+}
+
+TEST_F(QueryTest, PendingAgent) {
+    ASSERT_TRUE(AgentDouble::Place());
+    AgentDouble::Behaviour behaviour;
+    behaviour.startDelayMs = 8000;
+    behaviour.stuckStopPending = true;
+    ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
+    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
+    ASSERT_TRUE(AgentDouble::Start(SERVICE_START_PENDING));
+    ExpectStatus(7, 3);
+    ASSERT_TRUE(AgentDouble::Start(SERVICE_RUNNING));
+    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOP_PENDING));
+    ExpectStatus(7, 3);
+}
+
+TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
+    EXPECT_EQ(Run(getCommonSettings),
+              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":0}})");
+    ASSERT_TRUE(AgentDouble::Place());
+    std::wstring config = std::wstring(AgentDouble::kClientFolder) + L"\\config";
+    CreateDirectoryW(config.c_str(), nullptr);
+    std::ofstream(Narrow(config + L"\\tn_agent.ini")) << "[Other]\nEnabled=1\n";
+    EXPECT_EQ(Run(getCommonSettings),
+              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":0}})");
+    std::ofstream(Narrow(config + L"\\tn_agent.ini")) << "[Other]\nEnabled=1\n[Policy]\nEnabled=1\n";
+    EXPECT_EQ(Run(getCommonSettings),
+              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":1}})");
+    EXPECT_EQ(Logged(), Lines{});
+}
+
+TEST_F(QueryTest, WithoutTheClientFolderSettingsAndSelfProtectionFail) {
+    SimulatedInstall::RemoveApplicationPath();
+    EXPECT_EQ(Run(getCommonSettings, 1), "{}");
+    Lines logged = Logged();
+    ASSERT_FALSE(logged.empty());
+    EXPECT_EQ(logged.back(), "E getCommonSettings - Unable to get tarn agent install path.");
+    EXPECT_EQ(logged[logged.size() - 2], "E GetClientPath - Unable to get CRVL install path.");
+    EXPECT_EQ(Run(getSelfProtectionData, 1), "{}");
+    EXPECT_EQ(Logged().back(), "E getSelfProtectionData - Unable to get tarn agent install path.");
+}
+
+TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptionsKeys) {
+    const std::wstring agentKey = std::wstring(kImageOptions) + L"TarnAgent.exe";
+    const std::wstring hdcKey = std::wstring(kImageOptions) + L"hdc.exe";
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, agentKey.c_str());
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str());
+
+    const std::string expected =
+        R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"folder_path":[")" + kClientFolder +
+        R"("],"registry_path":["HKLM\\SYSTEM\\CurrentControlSet\\Services\\kvfltsa",)"
+        R"("HKLM\\SYSTEM\\CurrentControlSet\\Services\\TarnAgent",)"
+        R"("HKLM\\SYSTEM\\CurrentControlSet\\Services\\kvfltsa\\*",)"
+        R"("HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\TarnAgent.exe",)"
+        R"("HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\hdc.exe"],)"
+        R"("process_path":[")" +
+        kClientFolder + R"(\\TarnAgent.exe"],)"
+        R"("service_path":["SYSTEM\\CurrentControlSet\\Services\\kvfltsa",)"
+        R"("SYSTEM\\CurrentControlSet\\Services\\TarnAgent"],"whitelist_program":[")" +
+        kClientFolder + R"(\\TarnAgent.exe",")" + kClientFolder + R"(\\hdc.exe"]}})";
+    EXPECT_EQ(Run(getSelfProtectionData), expected);
+    EXPECT_EQ(Logged(),
+              (Lines{"D hasImageOptionsRegistryCreated - Image options key for TarnAgent.exe created.\n",
+                     "D hasImageOptionsRegistryCreated - Image options key for hdc.exe created.\n"}));
+
+    // Keys that exist are left alone; only the missing one is made.
+    ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str()), ERROR_SUCCESS);
+    EXPECT_EQ(Run(getSelfProtectionData), expected);
+    EXPECT_EQ(Logged(),
+              Lines{"D hasImageOptionsRegistryCreated - Image options key for hdc.exe created.\n"});
+    EXPECT_EQ(Run(getSelfProtectionData), expected);
+    EXPECT_EQ(Logged(), Lines{});
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, hdcKey.c_str(), 0, KEY_READ, &key), ERROR_SUCCESS);
+    RegCloseKey(key);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, agentKey.c_str());
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str());
+}
+
+// The whole road: the real DLL in a fresh host process.
+class QueryExportTest : public QueryTest {
+  protected:
+    std::string Host(const std::vector<std::wstring>& call) {
+        std::vector<std::wstring> arguments = {BinPath(L"zephhost.exe"),
+                                               BinPath(L"zephExt_TarnClient.dll")};
+        arguments.insert(arguments.end(), call.begin(), call.end());
+        ProcessResult result = RunProcess(arguments);
+        EXPECT_EQ(result.exitCode, 0u) << result.output;
+        return result.output;
+    }
+};
+
+TEST_F(QueryExportTest, ClientStatusOfARunningAgentThroughTheExport) {
+    ASSERT_TRUE(AgentDouble::Place());
+    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
+    ASSERT_TRUE(AgentDouble::Start());
+    const std::string response =
+        R"({"query_id":"ZEPH_ONQUERY_CLIENT_STATUS_LOG","product_id":"ZEPH_IPRODUCT_TARN",)"
+        R"("result_code":0,"result_data":)" +
+        ClientStatus(7, "3.2.7", "3.2.1045.7") + "}";
+    EXPECT_EQ(Host({L"query", LR"({"query_id":"ZEPH_ONQUERY_CLIENT_STATUS_LOG",)"
+                              LR"("product_id":"ZEPH_IPRODUCT_TARN",)"
+                              LR"("query_data":{"query_type":"ZEPH_CLIENT_ALL_STATUS_LOG"}})"}),
+              "zephExt_OnQueryData -> 0\nresponse(" + std::to_string(response.size() + 1) +
+                  "): " + response + "\nzephExt_Free -> 0\n");
+}
+
+TEST_F(QueryExportTest, PrerequisiteCarriesTheInstalledAgentsVersion) {
+    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
+    std::string output = Host({L"prereq"});
+    EXPECT_EQ(output.rfind("zephExt_GetPrerequest -> 0\n"
+                           "record: reserved=2779096485 kind=100 major=3 minor=3 build=9 flag=0\n"
+                           "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 03 00 00 00 09 00 00 00 00",
+                           0),
+              0u)
+        << output;
+    Lines logged = Logged();
+    EXPECT_EQ(logged.size(), 2u); // entry and exit only
+}
+
+} // namespace
