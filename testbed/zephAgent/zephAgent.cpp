@@ -2,8 +2,7 @@
 // the registry and appends one journal line per call, so a test can check
 // exactly what the plug-in asked for and whether it gave every buffer back.
 #include "HostDouble.h"
-
-#include "ScopedHandle.h"
+#include "Journal.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -27,25 +26,8 @@ std::string ToUtf8(const std::wstring& text) {
     return narrow;
 }
 
-ScopedFile OpenJournal(const std::wstring& path) {
-    return ScopedFile(CreateFileW(path.c_str(), FILE_APPEND_DATA,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-// Opened and closed per line: every call's line is on disk when it returns.
-// The journal's folder is made on first use, whoever removed it.
 void Journal(const std::string& line) {
-    std::wstring path = HostJournalPath();
-    ScopedFile file = OpenJournal(path);
-    if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
-        CreateFolderTree(path.substr(0, path.rfind(L'\\'))))
-        file = OpenJournal(path);
-    if (!file)
-        return;
-    std::string text = line + "\n";
-    DWORD written = 0;
-    WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+    AppendJournalLine(HostJournalPath(), line);
 }
 
 DWORD Setting(const wchar_t* name, DWORD fallback) {
