@@ -1,6 +1,7 @@
 // The plug-in as the host sees it: the real DLL, loaded by zephhost.exe in a
 // fresh process per scenario, with the log records it sent to our server.
 #include "LogCapture.h"
+#include "MakerCheckLog.h"
 
 #include <algorithm>
 #include <fstream>
@@ -18,6 +19,15 @@ class ExportTest : public LogCaptureTest {
         ASSERT_TRUE(SimulatedInstall::Create());
     }
     void TearDown() override { SimulatedInstall::Remove(); }
+
+    // The records without the host binding's maker check, which every fresh
+    // zephhost.exe process logs once, on its first bound export.
+    Lines LoggedBesideBinding() {
+        return WithoutBlock(
+            Logged(),
+            MakerCheckPassed(
+                P, Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll"), true));
+    }
 
     // Runs one call of zephhost.exe and answers what it printed.
     std::string Host(const std::wstring& call, const std::string& argument = std::string()) {
@@ -77,7 +87,7 @@ TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));
-        EXPECT_EQ(Logged(), QueryLog(c.request, c.between, c.response));
+        EXPECT_EQ(LoggedBesideBinding(), QueryLog(c.request, c.between, c.response));
     }
 }
 
@@ -86,7 +96,7 @@ TEST_F(ExportTest, EmptyQueryIsAParseError) {
         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})";
     EXPECT_EQ(Host(L"query"), QueryOutput(response));
     EXPECT_EQ(
-        Logged(),
+        LoggedBesideBinding(),
         QueryLog("", {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 1"}, response));
 }
 
@@ -95,31 +105,34 @@ TEST_F(ExportTest, CommandsAreLoggedParsedAndValidated) {
         R"({"command_id":"ZEPH_ONCOMMAND_IAGT_SERVICE","product_id":"ZEPH_IPRODUCT_TARN",)"
         R"("command_data":{"command_type":"ZEPH_TYPE_IAGT_STOP"},"extra":0})";
     EXPECT_EQ(Host(L"command", fourMembers), "zephExt_OnCommand -> 2\n");
-    EXPECT_EQ(Logged(),
+    EXPECT_EQ(LoggedBesideBinding(),
               (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
                      "D " + P + "zephExt_OnCommand - Request: " + fourMembers,
                      "E " + P + "IsValidOnCommandRequest - Invalid request member count.",
                      "E " + P + "zephExt_OnCommand - Invalid OnCommand request: " + fourMembers}));
 
     EXPECT_EQ(Host(L"command", "not json"), "zephExt_OnCommand -> 2\n");
-    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
-                               "D " + P + "zephExt_OnCommand - Request: not json",
-                               "E " + P + "zephExt_OnCommand - rapidjson - parsing error: 3"}));
+    EXPECT_EQ(LoggedBesideBinding(),
+              (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
+                     "D " + P + "zephExt_OnCommand - Request: not json",
+                     "E " + P + "zephExt_OnCommand - rapidjson - parsing error: 3"}));
 }
 
 TEST_F(ExportTest, NotificationsAreLoggedParsedAndValidated) {
     const std::string badId =
         R"({"notify_id":"ZEPH_ONNOTIFY_X","product_id":"ZEPH_IPRODUCT_TARN","notify_data":{}})";
     EXPECT_EQ(Host(L"notify", badId), "zephExt_OnNotify -> 2\n");
-    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
-                               "D " + P + "zephExt_OnNotify - Request: " + badId,
-                               "E " + P + "IsValidOnNotifyRequest - Invalid notify id.",
-                               "E " + P + "zephExt_OnNotify - Invalid OnNotify request"}));
+    EXPECT_EQ(LoggedBesideBinding(),
+              (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
+                     "D " + P + "zephExt_OnNotify - Request: " + badId,
+                     "E " + P + "IsValidOnNotifyRequest - Invalid notify id.",
+                     "E " + P + "zephExt_OnNotify - Invalid OnNotify request"}));
 
     EXPECT_EQ(Host(L"notify", "{"), "zephExt_OnNotify -> 2\n");
-    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
-                               "D " + P + "zephExt_OnNotify - Request: {",
-                               "E " + P + "zephExt_OnNotify - rapidjson - parsing error: 4"}));
+    EXPECT_EQ(LoggedBesideBinding(),
+              (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
+                     "D " + P + "zephExt_OnNotify - Request: {",
+                     "E " + P + "zephExt_OnNotify - rapidjson - parsing error: 4"}));
 }
 
 TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001) {
@@ -132,9 +145,10 @@ TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001) {
                                  "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 00 00 00 00 e9 03 00 "
                                  "00 00";
     EXPECT_EQ(output.rfind(expected, 0), 0u) << output;
-    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
-                               "E " + P + "zephExt_GetPrerequest - Unalbe to get agent version.",
-                               "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"}));
+    EXPECT_EQ(LoggedBesideBinding(),
+              (Lines{"I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
+                     "E " + P + "zephExt_GetPrerequest - Unalbe to get agent version.",
+                     "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"}));
 }
 
 TEST_F(ExportTest, UpdateContextIsCreatedAndReleased) {
@@ -142,10 +156,11 @@ TEST_F(ExportTest, UpdateContextIsCreatedAndReleased) {
         RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"--script",
                     Widen(WriteScript("create-context\nrelease-context\n"))});
     EXPECT_EQ(result.output, "zephExt_CreateContext -> 0\nzephExt_ReleaseContext -> 0\n");
-    EXPECT_EQ(Logged(), (Lines{"I " + P + "zephExt_CreateContext - >>> zephExt_CreateContext",
-                               "I " + P + "zephExt_CreateContext - <<< zephExt_CreateContext",
-                               "I " + P + "zephExt_ReleaseContext - >>> zephExt_ReleaseContext",
-                               "I " + P + "zephExt_ReleaseContext - <<< zephExt_ReleaseContext"}));
+    EXPECT_EQ(LoggedBesideBinding(),
+              (Lines{"I " + P + "zephExt_CreateContext - >>> zephExt_CreateContext",
+                     "I " + P + "zephExt_CreateContext - <<< zephExt_CreateContext",
+                     "I " + P + "zephExt_ReleaseContext - >>> zephExt_ReleaseContext",
+                     "I " + P + "zephExt_ReleaseContext - <<< zephExt_ReleaseContext"}));
 }
 
 TEST_F(ExportTest, WithoutTheHostEveryExportRefusesButInitAndDeinit) {

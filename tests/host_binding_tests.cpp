@@ -1,4 +1,6 @@
+#include "CrvDigitalSignatureManagerEx.h"
 #include "LogCapture.h"
+#include "MakerCheckLog.h"
 #include "ScopedHandle.h"
 #include "ZephIntegration.h"
 
@@ -10,6 +12,10 @@ const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\
 const std::string kShownProductKey =
     "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
 const wchar_t kMiscKey[] = L"SOFTWARE\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\Misc.";
+const std::string kPrimaryLibrary =
+    Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll");
+const std::string kAlternateLibrary =
+    Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_NA_64x.dll");
 const char kRebootRequest[] =
     R"({"system_call_id":"ZEPH_SYSCALL_SET_SYS_RESTART","product_id":"ZEPH_IPRODUCT_TARN"})";
 
@@ -32,6 +38,8 @@ class HostBindingTest : public LogCaptureTest {
   protected:
     void SetUp() override {
         LogCaptureTest::SetUp();
+        CSingletonWinTrustHelper::GetInstance(); // its one line comes before every case
+        Logged();
         SimulatedInstall::Remove();
         RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kMiscKey, KEY_WOW64_32KEY, 0);
     }
@@ -64,7 +72,7 @@ TEST_F(HostBindingTest, WithoutTheInstallPathEveryCallRefusesUntilTheValueAppear
     ASSERT_TRUE(SimulatedInstall::Create());
     EXPECT_TRUE(IsValidLoader());
     EXPECT_TRUE(IsValidLoader());
-    EXPECT_EQ(Logged(), Lines{});
+    EXPECT_EQ(Logged(), MakerCheckPassed("", kPrimaryLibrary, false));
     // The loader is checked once, with this process's own executable.
     wchar_t exe[MAX_PATH];
     GetModuleFileNameW(nullptr, exe, MAX_PATH);
@@ -89,7 +97,7 @@ TEST_F(HostBindingTest, InstallPathIsReadAsStoredOrExpanded) {
     EXPECT_EQ(GetCRVLInstallPath(path), 1);
     EXPECT_EQ(path, SimulatedInstall::kFolder);
     EXPECT_TRUE(IsValidLoader());
-    EXPECT_EQ(Logged(), Lines{});
+    EXPECT_EQ(Logged(), MakerCheckPassed("", kPrimaryLibrary, false));
 }
 
 TEST_F(HostBindingTest, MissingHostLibraryFailsWithCodeEightEvenWithTheAlternatePresent) {
@@ -99,8 +107,10 @@ TEST_F(HostBindingTest, MissingHostLibraryFailsWithCodeEightEvenWithTheAlternate
                           (folder + L"zephAgent_NA_64x.dll").c_str()));
     PutDword(kMiscKey, L"EnableShimValidation", 2, KEY_WOW64_32KEY);
     EXPECT_FALSE(IsValidLoader());
-    EXPECT_EQ(Logged(), (Lines{"E init - Unable to load zephAgent_64x. Error:8",
-                               "E IsValidLoader - Unable to initialize zephAgent dll."}));
+    Lines expected = MakerCheckOfMissingFile("", kPrimaryLibrary);
+    expected.push_back("E init - Unable to load zephAgent_64x. Error:8");
+    expected.push_back("E IsValidLoader - Unable to initialize zephAgent dll.");
+    EXPECT_EQ(Logged(), expected);
     EXPECT_EQ(SimulatedInstall::HostJournal(), std::vector<std::string>{});
 }
 
@@ -111,7 +121,10 @@ TEST_F(HostBindingTest, AlternateLibraryServesWhenShimValidationIsOne) {
                           (folder + L"zephAgent_NA_64x.dll").c_str()));
     PutDword(kMiscKey, L"EnableShimValidation", 1, KEY_WOW64_32KEY);
     EXPECT_TRUE(IsValidLoader());
-    EXPECT_EQ(Logged(), Lines{});
+    Lines expected = MakerCheckOfMissingFile("", kPrimaryLibrary);
+    for (const std::string& line : MakerCheckPassed("", kAlternateLibrary, false))
+        expected.push_back(line);
+    EXPECT_EQ(Logged(), expected);
     EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
 }
 
@@ -122,8 +135,10 @@ TEST_F(HostBindingTest, RefusedLoaderIsReportedAtEveryCallButCheckedOnce) {
     ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
     EXPECT_FALSE(IsValidLoader());
     EXPECT_FALSE(IsValidLoader());
-    EXPECT_EQ(Logged(),
-              (Lines{"E IsValidLoader - Invalid loader.", "E IsValidLoader - Invalid loader."}));
+    Lines expected = MakerCheckPassed("", kPrimaryLibrary, false);
+    expected.push_back("E IsValidLoader - Invalid loader.");
+    expected.push_back("E IsValidLoader - Invalid loader.");
+    EXPECT_EQ(Logged(), expected);
     EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
 }
 

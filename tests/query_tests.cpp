@@ -2,6 +2,7 @@
 // files of the Wine prefix, with the agent double installed in its states.
 #include "AgentDouble.h"
 #include "LogCapture.h"
+#include "MakerCheckLog.h"
 #include "Queries.h"
 #include "UtilClientInfo.h"
 
@@ -227,8 +228,13 @@ TEST_F(QueryExportTest, PrerequisiteCarriesTheInstalledAgentsVersion) {
                            0),
               0u)
         << output;
-    Lines logged = Logged();
-    EXPECT_EQ(logged.size(), 2u); // entry and exit only
+    // Beside the maker check of the host library at binding: entry and exit only.
+    Lines logged = WithoutBlock(
+        Logged(),
+        MakerCheckPassed("[zephExt_TarnClient][zephhost.exe]",
+                         Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll"),
+                         true));
+    EXPECT_EQ(logged.size(), 2u);
 }
 
 } // namespace

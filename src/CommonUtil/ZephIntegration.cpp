@@ -1,6 +1,7 @@
 #include "ZephIntegration.h"
 
 #include "DebugLog.h"
+#include "IssuerCheck.h"
 #include "ResolveProc.h"
 #include "UtilRegistry.h"
 
@@ -247,8 +248,8 @@ uint32_t ZephAgentAdapter::VerifyLoaderProcessSign(const wchar_t* loaderPath) co
 
 } // namespace Corvale_Service_Framework
 
-bool PassesMakerSignatureCheck(const wchar_t* /*libraryPath*/) {
-    return true;
+bool PassesMakerSignatureCheck(const wchar_t* libraryPath) {
+    return CheckFileIssuer(libraryPath, kMakerName) != 0;
 }
 
 bool HasProductMarker(const wchar_t* libraryPath) {

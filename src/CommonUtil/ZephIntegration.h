@@ -63,8 +63,7 @@ ZephAgentAdapter& HostAdapter();
 } // namespace Corvale_Service_Framework
 
 // The yes/no check a host-library candidate must pass before it is loaded:
-// the maker's signature on the file. A later change wires in the signature
-// manager's issuer check; until then every candidate passes.
+// the signature manager's issuer check, signer "Quorvane, Inc." alone.
 bool PassesMakerSignatureCheck(const wchar_t* libraryPath);
 // The alternate library's product marker: a version resource whose
 // CompanyName is "Quorvane, Inc.".

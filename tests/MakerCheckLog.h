@@ -1,0 +1,56 @@
+#pragma once
+// What the host binding's maker check logs for a host-library candidate: the
+// issuer check of the signature manager with the signer "Quorvane, Inc.".
+#include "LogCapture.h"
+
+#include <algorithm>
+#include <string>
+
+// `prefix` is what the plug-in puts before each text ("" in-process).
+// `platformLine`: the first check in a process also names the platform.
+inline Lines MakerCheckPassed(const std::string& prefix, const std::string& path,
+                              bool platformLine) {
+    const std::string manager = "D " + prefix + "CCrvDigitalSignatureManagerEx::";
+    const std::string single = manager + "VerifyEmbeddedSignatureSingleSign - ";
+    Lines lines = {"D " + prefix + "CheckFileIssuer - Checking whether file (" + path +
+                   ") is signed by issuer (Quorvane, Inc.)"};
+    if (platformLine)
+        lines.push_back("D " + prefix + "CSingletonWinTrustHelper - support single sign platform");
+    for (const std::string& line :
+         {single + ">>> try to verify file=" + path,
+          manager + "PrepareSigners - allowed signers=Quorvane, Inc.",
+          manager + "VerifySignerForDigitalSignature - signer=[Quorvane, Inc.] is in trusted list",
+          single + "find a valid digital signature and signer is correct", single + "<<<",
+          "D " + prefix + "CheckFileIssuer - successfully to check digital signature for " + path})
+        lines.push_back(line);
+    return lines;
+}
+
+// What the check logs for a candidate that does not exist.
+inline Lines MakerCheckOfMissingFile(const std::string& prefix, const std::string& path) {
+    const std::string single =
+        "D " + prefix + "CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - ";
+    return {"D " + prefix + "CheckFileIssuer - Checking whether file (" + path +
+                ") is signed by issuer (Quorvane, Inc.)",
+            single + ">>> try to verify file=" + path,
+            single + "failed to call WinVerifyTrust(), StatusVerify=2, GetLastError=2",
+            single + "try to verify by certificate information",
+            single + "failed to verify by certificate information",
+            single + "<<<",
+            "E " + prefix + "CheckFileIssuer - failed to check digital signature for " + path +
+                ", err=2"};
+}
+
+// `logged` without the one place where `block` occurs; a test failure when
+// the block is missing.
+inline Lines WithoutBlock(const Lines& logged, const Lines& block) {
+    auto at = std::search(logged.begin(), logged.end(), block.begin(), block.end());
+    if (at == logged.end()) {
+        ADD_FAILURE() << "block starting \"" << (block.empty() ? "" : block.front())
+                      << "\" not logged";
+        return logged;
+    }
+    Lines rest(logged.begin(), at);
+    rest.insert(rest.end(), at + block.size(), logged.end());
+    return rest;
+}
