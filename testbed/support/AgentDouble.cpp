@@ -68,11 +68,6 @@ void RemoveService() {
     WaitUntilForgotten();
 }
 
-void RemoveFolderTree(const std::wstring& folder) {
-    std::error_code ignored;
-    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
-}
-
 } // namespace
 
 namespace AgentDouble {

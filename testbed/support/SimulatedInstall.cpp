@@ -21,11 +21,6 @@ std::wstring WithTrailingBackslash(std::wstring folder) {
     return folder;
 }
 
-void RemoveFolderTree(const std::wstring& folder) {
-    std::error_code ignored;
-    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
-}
-
 } // namespace
 
 namespace SimulatedInstall {

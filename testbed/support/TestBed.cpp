@@ -2,6 +2,8 @@
 
 #include "ScopedHandle.h"
 
+#include <filesystem>
+
 std::wstring BinDir() {
     std::wstring path(MAX_PATH, L'\0');
     for (;;) {
@@ -91,4 +93,9 @@ std::vector<std::string> SplitLines(const std::string& text) {
         start = end + 1;
     }
     return lines;
+}
+
+void RemoveFolderTree(const std::wstring& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
 }

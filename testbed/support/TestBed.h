@@ -20,6 +20,9 @@ ProcessResult RunProcess(const std::vector<std::wstring>& arguments, DWORD timeo
 // Quotes one argument by the rules CommandLineToArgvW/msvcrt parse back.
 std::wstring QuoteArgument(const std::wstring& argument);
 
+// Deletes a folder and everything in it; nothing when it is not there.
+void RemoveFolderTree(const std::wstring& folder);
+
 std::wstring BinDir(); // folder of the running executable, with trailing backslash
 std::wstring BinPath(const wchar_t* name); // BinDir() + name
 

@@ -1,0 +1,16 @@
+#pragma once
+// Running the agent's own command lines and unpacking its package archive.
+#include <windows.h>
+
+#include <cstdint>
+
+// Runs "program" arguments in a new console and waits up to five minutes;
+// true when it exited with 0. `exitCode` gets the child's exit code, or the
+// system error when it could not be started or its code could not be read.
+bool LaunchCmd(const wchar_t* program, const wchar_t* arguments, void* unused, uint32_t* exitCode);
+bool PrepAndLaunchRedirectedChild(const wchar_t* program, const wchar_t* arguments,
+                                  uint32_t* exitCode, HANDLE standardOutput, HANDLE standardError);
+
+// Extracts every entry of the archive into `targetFolder` (paths kept,
+// existing files replaced); true when all of them were extracted.
+bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder);

@@ -1,0 +1,253 @@
+// Running the agent's command lines and unpacking its package, for real:
+// child processes under Wine, and zips written here, read by the signed
+// archive library.
+#include "CUnzip.h"
+#include "LogCapture.h"
+#include "UtilCommon.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// A minimal zip writer (stored entries) so each test makes the archive it needs.
+class ZipWriter {
+  public:
+    void Add(const std::string& name, const std::string& data, uint16_t dosTime = 0x6000,
+             uint16_t dosDate = 0x5A21) {
+        uint32_t crc = Crc32(data);
+        std::string header;
+        Put32(header, 0x04034b50);
+        Put16(header, 10);
+        Put16(header, 0);
+        Put16(header, 0); // stored
+        Put16(header, dosTime);
+        Put16(header, dosDate);
+        Put32(header, crc);
+        Put32(header, static_cast<uint32_t>(data.size()));
+        Put32(header, static_cast<uint32_t>(data.size()));
+        Put16(header, static_cast<uint16_t>(name.size()));
+        Put16(header, 0);
+        std::string central;
+        Put32(central, 0x02014b50);
+        Put16(central, 20);
+        central += header.substr(4, 26);
+        Put16(central, 0); // comment
+        Put16(central, 0); // disk
+        Put16(central, 0); // internal attributes
+        Put32(central, name.back() == '/' ? 0x10 : 0);
+        Put32(central, static_cast<uint32_t>(m_body.size()));
+        m_central += central + name;
+        m_body += header + name + data;
+        ++m_count;
+    }
+
+    void Save(const std::wstring& path) const {
+        std::string end;
+        Put32(end, 0x06054b50);
+        Put16(end, 0);
+        Put16(end, 0);
+        Put16(end, m_count);
+        Put16(end, m_count);
+        Put32(end, static_cast<uint32_t>(m_central.size()));
+        Put32(end, static_cast<uint32_t>(m_body.size()));
+        Put16(end, 0);
+        std::ofstream(Narrow(path), std::ios::binary) << m_body << m_central << end;
+    }
+
+  private:
+    static void Put16(std::string& out, uint16_t value) {
+        out += static_cast<char>(value & 0xFF);
+        out += static_cast<char>(value >> 8);
+    }
+    static void Put32(std::string& out, uint32_t value) {
+        Put16(out, static_cast<uint16_t>(value & 0xFFFF));
+        Put16(out, static_cast<uint16_t>(value >> 16));
+    }
+    static uint32_t Crc32(const std::string& data) {
+        uint32_t crc = 0xFFFFFFFF;
+        for (unsigned char byte : data) {
+            crc ^= byte;
+            for (int bit = 0; bit < 8; ++bit)
+                crc = (crc >> 1) ^ (0xEDB88320 & (0 - (crc & 1)));
+        }
+        return ~crc;
+    }
+
+    std::string m_body;
+    std::string m_central;
+    uint16_t m_count = 0;
+};
+
+const std::wstring kWork = L"C:\\ZephTestBed\\unzip";
+
+std::string ReadText(const std::wstring& path) {
+    std::ifstream in(Narrow(path), std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool IsFolder(const std::wstring& path) {
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+class UnzipTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        RemoveFolderTree(kWork);
+        ASSERT_EQ(CreateFolderTree(Narrow(kWork + L"\\target")), 0);
+    }
+    void TearDown() override { RemoveFolderTree(kWork); }
+};
+
+TEST_F(UnzipTest, ForwardAndBackSlashesDirectoriesAndNestedFoldersExtractIntoOneTree) {
+    ZipWriter zip;
+    zip.Add("bin/TarnAgent.exe", "agent");
+    zip.Add("bin\\hdc.exe", "second");
+    zip.Add("config/", "");
+    zip.Add("a/b/c/deep.txt", "deep");
+    zip.Save(kWork + L"\\pkg.zip");
+    // An entry that is already there is replaced.
+    ASSERT_EQ(CreateFolderTree(Narrow(kWork + L"\\target\\bin")), 0);
+    std::ofstream(Narrow(kWork + L"\\target\\bin\\hdc.exe")) << "old contents";
+
+    EXPECT_TRUE(DecompressFile((kWork + L"\\pkg.zip").c_str(), (kWork + L"\\target").c_str()));
+    EXPECT_EQ(ReadText(kWork + L"\\target\\bin\\TarnAgent.exe"), "agent");
+    EXPECT_EQ(ReadText(kWork + L"\\target\\bin\\hdc.exe"), "second");
+    EXPECT_TRUE(IsFolder(kWork + L"\\target\\config"));
+    EXPECT_EQ(ReadText(kWork + L"\\target\\a\\b\\c\\deep.txt"), "deep");
+    Lines logged = Logged();
+    ASSERT_GE(logged.size(), 3u);
+    EXPECT_EQ(logged[0], "D DecompressFile - DecompressFile: compress_file_path = " +
+                             Narrow(kWork) + "\\pkg.zip");
+    EXPECT_EQ(logged[1], "D DecompressFile - DecompressFile: target_folder_path = " +
+                             Narrow(kWork) + "\\target");
+    EXPECT_EQ(logged.back(), "D DecompressFile - Succeeded to extract zipped files");
+}
+
+TEST_F(UnzipTest, FileTimesComeFromTheEntry) {
+    ZipWriter zip;
+    zip.Add("dated.txt", "x", 0x6000, 0x5A21); // 2025-01-01 12:00:00 local time
+    zip.Save(kWork + L"\\dated.zip");
+    ASSERT_TRUE(DecompressFile((kWork + L"\\dated.zip").c_str(), (kWork + L"\\target").c_str()));
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    ASSERT_TRUE(GetFileAttributesExW((kWork + L"\\target\\dated.txt").c_str(),
+                                     GetFileExInfoStandard, &data));
+    FILETIME local = {};
+    SYSTEMTIME time = {};
+    FileTimeToLocalFileTime(&data.ftLastWriteTime, &local);
+    FileTimeToSystemTime(&local, &time);
+    EXPECT_EQ(time.wYear, 2025);
+    EXPECT_EQ(time.wMonth, 1);
+    EXPECT_EQ(time.wDay, 1);
+    EXPECT_EQ(time.wHour, 12);
+}
+
+TEST_F(UnzipTest, ArchiveNamesWithoutTheZipExtensionGetDotZipAppended) {
+    ZipWriter zip;
+    zip.Add("one.txt", "1");
+    zip.Save(kWork + L"\\package.Zip");
+    zip.Save(kWork + L"\\UPPER.ZIP");
+    zip.Save(kWork + L"\\archive.bin.Zip");
+    for (const wchar_t* given : {L"\\package", L"\\UPPER.ZIP", L"\\archive.bin"})
+        EXPECT_TRUE(DecompressFile((kWork + given).c_str(), (kWork + L"\\target").c_str()))
+            << Narrow(given);
+
+    CUnzip unzip;
+    ASSERT_TRUE(unzip.Load());
+    EXPECT_EQ(unzip.Open(Narrow(kWork + L"\\UPPER").c_str(), false), UNZIP_NOT_READY);
+    EXPECT_EQ(unzip.Open(Narrow(kWork + L"\\archive.bin").c_str(), true), UNZIP_OK);
+}
+
+TEST_F(UnzipTest, CorruptAndMissingArchivesFailToOpen) {
+    std::ofstream(Narrow(kWork + L"\\corrupt.zip"), std::ios::binary) << "PK\x03\x04 not a zip";
+    EXPECT_FALSE(DecompressFile((kWork + L"\\corrupt.zip").c_str(), (kWork + L"\\target").c_str()));
+    EXPECT_EQ(Logged().back(), "E DecompressFile - Failed to open zip file: " + Narrow(kWork) +
+                                   "\\corrupt.zip, CUnzip return code: -1");
+    CUnzip unzip;
+    ASSERT_TRUE(unzip.Load());
+    EXPECT_EQ(unzip.Extract(Narrow(kWork).c_str(), 1, 1, nullptr, nullptr), UNZIP_NOT_READY);
+}
+
+TEST_F(UnzipTest, EntriesNamedOutsideTheTargetAreRefused) {
+    for (const char* name : {"../evil.txt", "ok/../../evil.txt", "C:/evil.txt", "/evil.txt"}) {
+        ZipWriter zip;
+        zip.Add("first.txt", "fine");
+        zip.Add(name, "evil");
+        zip.Save(kWork + L"\\slip.zip");
+        EXPECT_FALSE(DecompressFile((kWork + L"\\slip.zip").c_str(), (kWork + L"\\target").c_str()))
+            << name;
+        std::string shown = name;
+        for (char& c : shown)
+            c = c == '/' ? '\\' : c;
+        Lines logged = Logged();
+        ASSERT_GE(logged.size(), 2u);
+        EXPECT_EQ(logged[logged.size() - 2],
+                  "E CUnzip::ExtractCurrentFile - Refused entry outside the target folder: " +
+                      shown);
+        EXPECT_EQ(logged.back(), "E DecompressFile - failed to extract zipped files");
+    }
+    EXPECT_EQ(GetFileAttributesW((kWork + L"\\evil.txt").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesW(L"C:\\evil.txt"), INVALID_FILE_ATTRIBUTES);
+    // Entries before the refused one stay on disk.
+    EXPECT_EQ(ReadText(kWork + L"\\target\\first.txt"), "fine");
+}
+
+TEST(UnzipPaths, SafeEntryNamesAndFolderTrees) {
+    for (const char* safe : {"a.txt", "a\\b\\c.txt", "dir\\", "..a\\b..", "a\\.\\b"})
+        EXPECT_TRUE(IsSafeEntryName(safe)) << safe;
+    for (const char* unsafe : {"", "\\a", "..", "..\\a", "a\\..\\..\\b", "a\\..", "C:a", "C:\\a"})
+        EXPECT_FALSE(IsSafeEntryName(unsafe)) << unsafe;
+    EXPECT_EQ(CreateFolderTree(""), 8);
+    EXPECT_EQ(CreateFolderTree("C:\\" + std::string(260, 'x')), 8);
+    EXPECT_EQ(CreateFolderTree("C:\\ZephTestBed\\tree\\a\\b"), 0);
+    EXPECT_EQ(CreateFolderTree("C:\\ZephTestBed\\tree\\a\\b"), 0); // already there
+    EXPECT_TRUE(IsFolder(L"C:\\ZephTestBed\\tree\\a\\b"));
+    RemoveDirectoryW(L"C:\\ZephTestBed\\tree\\a\\b");
+    RemoveDirectoryW(L"C:\\ZephTestBed\\tree\\a");
+    RemoveDirectoryW(L"C:\\ZephTestBed\\tree");
+}
+
+class LaunchTest : public LogCaptureTest {};
+
+TEST_F(LaunchTest, ExitCodesAndStartFailuresComeBack) {
+    wchar_t cmd[MAX_PATH];
+    GetSystemDirectoryW(cmd, MAX_PATH);
+    wcscat(cmd, L"\\cmd.exe");
+    uint32_t exitCode = 77;
+    EXPECT_TRUE(LaunchCmd(cmd, L"/c exit 0", nullptr, &exitCode));
+    EXPECT_EQ(exitCode, 0u);
+    EXPECT_FALSE(LaunchCmd(cmd, L"/c exit 3", nullptr, &exitCode));
+    EXPECT_EQ(exitCode, 3u);
+    Lines logged = Logged();
+    ASSERT_EQ(logged.size(), 7u);
+    EXPECT_EQ(logged[3].rfind("D PrepAndLaunchRedirectedChild - PrepAndLaunchRedirectedChild: \"" +
+                                  Narrow(cmd) + "\" /c exit 3, stdout(",
+                              0),
+              0u)
+        << logged[3];
+    EXPECT_EQ(logged[4], "D PrepAndLaunchRedirectedChild - WaitForSingleObject result=0x0");
+    EXPECT_EQ(logged[5], "D PrepAndLaunchRedirectedChild - got return code 3");
+    EXPECT_EQ(logged[6], "E PrepAndLaunchRedirectedChild - Return code is not zero, err=3");
+
+    EXPECT_FALSE(LaunchCmd(L"C:\\ZephTestBed\\missing.exe", nullptr, nullptr, &exitCode));
+    EXPECT_EQ(exitCode, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(Logged().back(), "E PrepAndLaunchRedirectedChild - CreateProcessW failed, err=2");
+    EXPECT_FALSE(LaunchCmd(nullptr, nullptr, nullptr, &exitCode));
+    EXPECT_EQ(Logged(), Lines{"E PrepAndLaunchRedirectedChild - szProgram is null"});
+}
+
+TEST_F(LaunchTest, AChattyChildDoesNotHangTheLaunch) {
+    wchar_t cmd[MAX_PATH];
+    GetSystemDirectoryW(cmd, MAX_PATH);
+    wcscat(cmd, L"\\cmd.exe");
+    uint32_t exitCode = 77;
+    EXPECT_TRUE(LaunchCmd(cmd, L"/c for /L %i in (1,1,3000) do @echo chatter chatter chatter",
+                          nullptr, &exitCode));
+    EXPECT_EQ(exitCode, 0u);
+}
+
+} // namespace
