@@ -91,6 +91,14 @@ std::string AgentVersionText(bool display, const char* failure) {
     return text;
 }
 
+// The agent's folder for a query that can't answer without it.
+bool ClientPathFor(const char* query, std::wstring& clientPath) {
+    if (GetClientPath(clientPath))
+        return true;
+    LOGA(LOG_ERROR, "%s - Unable to get tarn agent install path.", query);
+    return false;
+}
+
 // Makes sure the agent's two Image File Execution Options keys exist.
 void hasImageOptionsRegistryCreated() {
     // One handle variable serves both keys and is closed once, after the
@@ -143,10 +151,8 @@ uint32_t getClientStatusData(rapidjson::Value& result, JsonAllocator& allocator)
 
 uint32_t getCommonSettings(rapidjson::Value& result, JsonAllocator& allocator) {
     std::wstring clientPath;
-    if (!GetClientPath(clientPath)) {
-        LOGA(LOG_ERROR, "%s - Unable to get tarn agent install path.", "getCommonSettings");
+    if (!ClientPathFor("getCommonSettings", clientPath))
         return RESULT_FAILED;
-    }
     std::wstring settingsFile = clientPath + L"\\" + L"config" + L"\\" + L"tn_agent.ini";
     int enabled =
         static_cast<int>(GetPrivateProfileIntW(L"Policy", L"Enabled", 0, settingsFile.c_str()));
@@ -173,10 +179,8 @@ uint32_t getServiceStatus(rapidjson::Value& result, JsonAllocator& allocator) {
 
 uint32_t getSelfProtectionData(rapidjson::Value& result, JsonAllocator& allocator) {
     std::wstring clientPath;
-    if (!GetClientPath(clientPath)) {
-        LOGA(LOG_ERROR, "%s - Unable to get tarn agent install path.", "getSelfProtectionData");
+    if (!ClientPathFor("getSelfProtectionData", clientPath))
         return RESULT_FAILED;
-    }
     std::string folder = ToUtf8(clientPath);
     std::string agent = ToUtf8(ClientFile(clientPath, L"TarnAgent.exe"));
     std::string secondAgent = ToUtf8(ClientFile(clientPath, L"hdc.exe"));
