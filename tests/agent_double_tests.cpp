@@ -84,18 +84,6 @@ TEST_F(AgentDoubleTest, InstallerAndUninstallerExitWithTheConfiguredCodes) {
               (std::vector<std::string>{"install", "install", "delete", "delete"}));
 }
 
-TEST_F(AgentDoubleTest, ServiceRunsPausesContinuesAndStops) {
-    Install();
-    ASSERT_TRUE(AgentDouble::Start());
-    EXPECT_NE(Status().dwProcessId, 0u);
-    EXPECT_TRUE(AgentDouble::Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
-    EXPECT_TRUE(AgentDouble::Control(SERVICE_CONTROL_CONTINUE, SERVICE_RUNNING));
-    EXPECT_TRUE(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED));
-    EXPECT_EQ(AgentDouble::Journal(),
-              (std::vector<std::string>{"install", "service start", "control 2", "control 3",
-                                        "control 1", "service stop"}));
-}
-
 // A slow phase refuses controls and advances its check point until it settles.
 void ExpectProgressUntil(DWORD pending, DWORD settled, DWORD waitHint) {
     SERVICE_STATUS_PROCESS first = Status();
@@ -179,59 +167,6 @@ TEST_F(AgentDoubleTest, RemoveLeavesNothingBehind) {
 }
 
 // ---- The placed files -------------------------------------------------------
-
-std::string VersionText(DWORD mostSignificant, DWORD leastSignificant) {
-    return std::to_string(HIWORD(mostSignificant)) + "." + std::to_string(LOWORD(mostSignificant)) +
-           "." + std::to_string(HIWORD(leastSignificant)) + "." +
-           std::to_string(LOWORD(leastSignificant));
-}
-
-struct VersionResource {
-    std::string product;
-    std::string file;
-    std::wstring company;
-};
-
-bool ReadVersionResource(const std::wstring& path, VersionResource& resource) {
-    DWORD ignored = 0;
-    DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
-    std::vector<BYTE> data(size);
-    if (size == 0 || !GetFileVersionInfoW(path.c_str(), 0, size, data.data()))
-        return false;
-    VS_FIXEDFILEINFO* fixed = nullptr;
-    wchar_t* company = nullptr;
-    UINT length = 0;
-    if (!VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&fixed), &length) ||
-        !VerQueryValueW(data.data(), L"\\StringFileInfo\\040904b0\\CompanyName",
-                        reinterpret_cast<void**>(&company), &length))
-        return false;
-    resource.product = VersionText(fixed->dwProductVersionMS, fixed->dwProductVersionLS);
-    resource.file = VersionText(fixed->dwFileVersionMS, fixed->dwFileVersionLS);
-    resource.company = company;
-    return true;
-}
-
-TEST_F(AgentDoubleTest, EachPlacedBuildCarriesItsOwnProductVersion) {
-    const std::pair<AgentDouble::Version, std::string> builds[] = {
-        {AgentDouble::Version::V3_2, "3.2.1045.7"}, {AgentDouble::Version::V3_3, "3.3.1100.9"}};
-    for (const auto& [version, productVersion] : builds) {
-        ASSERT_TRUE(AgentDouble::Place(version));
-        VersionResource resource;
-        ASSERT_TRUE(ReadVersionResource(kClientAgent, resource));
-        EXPECT_EQ(resource.product, productVersion);
-        EXPECT_NE(resource.file, resource.product);
-        EXPECT_EQ(resource.company, L"Quorvane, Inc.");
-    }
-}
-
-TEST_F(AgentDoubleTest, HdcIsAnExecutableWithoutVersionResource) {
-    ASSERT_TRUE(AgentDouble::Place());
-    DWORD ignored = 0;
-    EXPECT_EQ(GetFileVersionInfoSizeW(kClientHdc.c_str(), &ignored), 0u);
-    ProcessResult result = RunProcess({kClientHdc});
-    EXPECT_EQ(result.exitCode, 0u);
-    EXPECT_FALSE(result.timedOut);
-}
 
 TEST(AgentDoubleFolderTest, ClientFolderIsTheSiblingOfTheSimulatedInstallation) {
     std::wstring install = SimulatedInstall::kFolder; // ends in a backslash

@@ -124,56 +124,6 @@ TEST_F(HostDoubleTest, SystemCallAnswersTheConfiguredTextAndTakesOnlyItsOwnBuffe
                                         "Free foreign"}));
 }
 
-TEST_F(HostDoubleTest, RefusedSystemCallHandsOutNothing) {
-    HostBehaviour behaviour;
-    behaviour.systemCallStatus = 7;
-    ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
-    char sentinel = 0;
-    char* response = &sentinel;
-    uint32_t responseSize = 99;
-    EXPECT_EQ(SystemCall("x", &response, &responseSize), 7u);
-    EXPECT_EQ(response, nullptr);
-    EXPECT_EQ(responseSize, 0u);
-}
-
-TEST_F(HostDoubleTest, LoaderVerdictDefaultsToValidAndFollowsTheSetting) {
-    auto verify = Entry<VerifyFn>(m_library.Get(), "zephCnt_VerifyLoaderProcessSign");
-    EXPECT_EQ(verify(L"C:\\Pr\u00fcfung\\host.exe"), 1u);
-    HostBehaviour behaviour;
-    behaviour.loaderVerdict = 0;
-    ASSERT_TRUE(SimulatedInstall::SetHostBehaviour(behaviour));
-    EXPECT_EQ(verify(nullptr), 0u);
-    EXPECT_EQ(SimulatedInstall::HostJournal(),
-              (std::vector<std::string>{"VerifyLoaderProcessSign C:\\Pr\xc3\xbc"
-                                        "fung\\host.exe",
-                                        "VerifyLoaderProcessSign null"}));
-}
-
-TEST_F(HostDoubleTest, BothBuildsCarryTheMakerMarkerAndOnlyOneHasTheSystemCall) {
-    const char* unused[] = {"zephCnt_CreateProcessWithSignCheck",
-                            "zephCnt_LoadLibraryWithSignCheck",
-                            "zephCnt_VerifyEmbeddedSignature",
-                            "zephCnt_VerifyEmbeddedSignatureAndSigner",
-                            "zephCnt_CreateProcessWithSignCheckAndAddException",
-                            "zephCnt_IsLightWeightModeEnabled"};
-    std::vector<std::string> expected;
-    for (const char* name : unused) {
-        auto entry = Entry<uint32_t (*)()>(m_library.Get(), name);
-        ASSERT_NE(entry, nullptr) << name;
-        EXPECT_EQ(entry(), 0u) << name;
-        expected.push_back(name + strlen("zephCnt_"));
-    }
-    EXPECT_EQ(SimulatedInstall::HostJournal(), expected);
-
-    ScopedModule withoutSystemCall(LoadLibraryW(BinPath(L"zephAgent_nosyscall.dll").c_str()));
-    ASSERT_TRUE(withoutSystemCall.IsValid());
-    EXPECT_EQ(GetProcAddress(withoutSystemCall.Get(), "zephCnt_SystemCall"), nullptr);
-    EXPECT_NE(GetProcAddress(withoutSystemCall.Get(), "zephCnt_Free"), nullptr);
-    EXPECT_NE(GetProcAddress(withoutSystemCall.Get(), "zephCnt_VerifyLoaderProcessSign"), nullptr);
-    EXPECT_TRUE(HasProductMarker(BinPath(L"zephAgent_64x.dll").c_str()));
-    EXPECT_TRUE(HasProductMarker(BinPath(L"zephAgent_nosyscall.dll").c_str()));
-}
-
 TEST(SimulatedInstallTest, CreateSetsUpTheChosenDoubleAndRemoveTakesEverythingAway) {
     const std::wstring folder = L"C:\\ZephTestBed\\Other place\\";
     SimulatedInstall::Remove();
