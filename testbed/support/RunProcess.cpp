@@ -113,9 +113,16 @@ ScopedKernelHandle StartChild(const std::vector<std::wstring>& arguments, HANDLE
     startup.hStdError = output;
     std::wstring commandLine = CommandLine(arguments);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                        &startup, &process))
-        return ScopedKernelHandle();
+    // Wine now and then fails a start with ERROR_INTERNAL_ERROR (measured in
+    // CI runs); a second try starts the same program normally.
+    for (int attempt = 0;; ++attempt) {
+        if (CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                           &startup, &process))
+            break;
+        if (GetLastError() != ERROR_INTERNAL_ERROR || attempt == 2)
+            return ScopedKernelHandle();
+        Sleep(100);
+    }
     ScopedKernelHandle thread(process.hThread);
     return ScopedKernelHandle(process.hProcess);
 }
