@@ -70,7 +70,7 @@ int CQvNotifyDLL::Init(const char* directory) {
              function, static_cast<unsigned>(signatureError));
         SetLastError(signatureError);
     } else {
-        m_module = LoadLibraryWithIssuerCheckW(L"" ZEPH_EXPECTED_ISSUER, path.c_str());
+        m_module.Reset(LoadLibraryWithIssuerCheckW(L"" ZEPH_EXPECTED_ISSUER, path.c_str()));
     }
     if (!m_module) {
         LOGA(LOG_ERROR, "%s - CQvNotifyDLL::CQvNotifyDLL() LoadLibrary(qvnotify.dll) error = %d",
@@ -88,19 +88,17 @@ int CQvNotifyDLL::Init(const char* directory) {
 
 bool CQvNotifyDLL::ResolveExports() {
     m_initDefaultEventSource =
-        ResolveProc<InitDefaultEventSourceFn>(m_module, "InitDefaultEventSource");
-    m_reportEventLog = ResolveProc<ReportEventLogFn>(m_module, "ReportEventLog");
-    m_openEventSource = ResolveProc<OpenEventSourceFn>(m_module, "OpenEventSource");
-    m_closeEventSource = ResolveProc<CloseEventSourceFn>(m_module, "CloseEventSource");
-    m_reportEventLogEx = ResolveProc<ReportEventLogExFn>(m_module, "ReportEventLogEx");
+        ResolveProc<InitDefaultEventSourceFn>(m_module.Get(), "InitDefaultEventSource");
+    m_reportEventLog = ResolveProc<ReportEventLogFn>(m_module.Get(), "ReportEventLog");
+    m_openEventSource = ResolveProc<OpenEventSourceFn>(m_module.Get(), "OpenEventSource");
+    m_closeEventSource = ResolveProc<CloseEventSourceFn>(m_module.Get(), "CloseEventSource");
+    m_reportEventLogEx = ResolveProc<ReportEventLogExFn>(m_module.Get(), "ReportEventLogEx");
     return m_initDefaultEventSource && m_reportEventLog && m_openEventSource &&
            m_closeEventSource && m_reportEventLogEx;
 }
 
 void CQvNotifyDLL::Unload() {
-    if (m_module)
-        FreeLibrary(m_module);
-    m_module = nullptr;
+    m_module.Reset();
     m_initDefaultEventSource = nullptr;
     m_reportEventLog = nullptr;
     m_openEventSource = nullptr;

@@ -2,6 +2,8 @@
 // The maker's event-notification library "qvnotify.dll", through which the
 // plug-in writes entries to the Windows event log. Loaded only when it is
 // signed by the expected issuer.
+#include "ScopedHandle.h"
+
 #include <windows.h>
 
 #include <cstdint>
@@ -37,7 +39,7 @@ class CQvNotifyDLL {
     bool ResolveExports();
     void Unload();
 
-    HMODULE m_module = nullptr;
+    ScopedModule m_module;
     InitDefaultEventSourceFn m_initDefaultEventSource = nullptr;
     ReportEventLogFn m_reportEventLog = nullptr;
     OpenEventSourceFn m_openEventSource = nullptr;
