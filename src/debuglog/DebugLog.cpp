@@ -1,5 +1,6 @@
 #include "DebugLog.h"
 
+#include "AnsiText.h"
 #include "ScopedHandle.h"
 
 #include <cstdarg>
@@ -31,21 +32,13 @@ size_t FormatPrefix(wchar_t* buffer, size_t capacity) {
     return tagLength + wcslen(exeName) + 4;
 }
 
-std::wstring AnsiToWide(const char* text) {
-    if (!text)
-        return std::wstring();
-    int length = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-    if (length <= 0)
-        return std::wstring();
-    std::wstring wide(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, text, -1, &wide[0], length);
-    wide.resize(static_cast<size_t>(length - 1));
-    return wide;
-}
-
+// Callers log a failure and then read its error: the record leaves the
+// thread's last error as it found it.
 void SendText(int level, const wchar_t* sourceFile, int line, const wchar_t* text) {
+    DWORD lastError = GetLastError();
     SendDebugLogRecord(static_cast<int32_t>(time(nullptr)), GetCurrentProcessId(),
                        GetCurrentThreadId(), level, sourceFile, line, text);
+    SetLastError(lastError);
 }
 
 void ReportOpenFailure(DWORD error) {

@@ -1,5 +1,6 @@
 #include "IssuerCheck.h"
 
+#include "AnsiText.h"
 #include "CrvDigitalSignatureManagerEx.h"
 #include "DebugLog.h"
 #include "QvNotifyDLL.h"
@@ -17,24 +18,6 @@ const int kEventTypeWarning = 2;
 const int kEventCategory = 5;
 const size_t kEventMessageBytes = 1284;
 const size_t kPathChars = 261;
-
-std::wstring ToWide(const char* text) {
-    int length = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-    std::wstring wide(length > 0 ? static_cast<size_t>(length) : 1, L'\0');
-    if (length > 0)
-        MultiByteToWideChar(CP_ACP, 0, text, -1, &wide[0], length);
-    wide.resize(wide.size() - 1);
-    return wide;
-}
-
-std::string ToNarrow(const wchar_t* text) {
-    int length = WideCharToMultiByte(CP_ACP, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    std::string narrow(length > 0 ? static_cast<size_t>(length) : 1, '\0');
-    if (length > 0)
-        WideCharToMultiByte(CP_ACP, 0, text, -1, &narrow[0], length, nullptr, nullptr);
-    narrow.resize(narrow.size() - 1);
-    return narrow;
-}
 
 // What differs between the narrow and the wide loader: the system calls and
 // the messages (logged in the wide form, where "%S" takes a narrow string).
@@ -156,7 +139,7 @@ int CheckFileIssuer(const char* file, const char* issuerName) {
         LOGW(LOG_ERROR, L"%s - pszFile or pszIssuerName is NULL", L"CheckFileIssuer");
         return 0;
     }
-    return CheckFileIssuer(ToWide(file).c_str(), ToWide(issuerName).c_str());
+    return CheckFileIssuer(AnsiToWide(file).c_str(), AnsiToWide(issuerName).c_str());
 }
 
 void WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed(const char* file,
@@ -194,8 +177,8 @@ void WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed(const char* file
 
 void WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed(const wchar_t* file,
                                                                 const wchar_t* issuerName) {
-    std::string narrowFile = file ? ToNarrow(file) : std::string();
-    std::string narrowIssuer = issuerName ? ToNarrow(issuerName) : std::string();
+    std::string narrowFile = file ? WideToAnsi(file) : std::string();
+    std::string narrowIssuer = issuerName ? WideToAnsi(issuerName) : std::string();
     WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed(
         file ? narrowFile.c_str() : nullptr, issuerName ? narrowIssuer.c_str() : nullptr);
 }

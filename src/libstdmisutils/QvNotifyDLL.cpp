@@ -1,5 +1,6 @@
 #include "QvNotifyDLL.h"
 
+#include "AnsiText.h"
 #include "CrvDigitalSignatureManagerEx.h"
 #include "DebugLog.h"
 #include "IssuerCheck.h"
@@ -23,15 +24,6 @@ std::string ExecutableFolder() {
         return {};
     std::string folder(path, length);
     return folder.substr(0, folder.find_last_of('\\') + 1);
-}
-
-std::wstring ToWide(const std::string& text) {
-    int length = MultiByteToWideChar(CP_ACP, 0, text.c_str(), -1, nullptr, 0);
-    std::wstring wide(length > 0 ? static_cast<size_t>(length) : 1, L'\0');
-    if (length > 0)
-        MultiByteToWideChar(CP_ACP, 0, text.c_str(), -1, &wide[0], length);
-    wide.resize(wide.size() - 1);
-    return wide;
 }
 
 // The printed form of a handle: the log shows its low 32 bits.
@@ -58,7 +50,7 @@ int CQvNotifyDLL::Init(const char* directory) {
     }
     if (folder.back() != '\\' && folder.back() != '/')
         folder += '\\';
-    std::wstring path = ToWide(folder + kLibraryName);
+    std::wstring path = AnsiToWide((folder + kLibraryName).c_str());
 
     // A library that fails its signature test is not even offered to the
     // loader, whose refusal would ask this reporter to report it.

@@ -2,6 +2,7 @@
 
 #include "DebugLog.h"
 #include "CUnzip.h"
+#include "AnsiText.h"
 #include "ScopedHandle.h"
 
 #include <string>
@@ -143,20 +144,6 @@ bool PrepAndLaunchRedirectedChild(const wchar_t* program, const wchar_t* argumen
     return true;
 }
 
-namespace {
-
-std::string ToAnsi(const wchar_t* text) {
-    int length = WideCharToMultiByte(CP_ACP, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (length <= 0)
-        return std::string();
-    std::string narrow(static_cast<size_t>(length), '\0');
-    WideCharToMultiByte(CP_ACP, 0, text, -1, &narrow[0], length, nullptr, nullptr);
-    narrow.pop_back();
-    return narrow;
-}
-
-} // namespace
-
 bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder) {
     const wchar_t* self = L"DecompressFile";
     LOGW(LOG_DETAIL, L"%s - DecompressFile: compress_file_path = %s", self, archivePath);
@@ -169,8 +156,8 @@ bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder) {
         return false;
     }
     try {
-        std::string archive = ToAnsi(archivePath);
-        std::string target = ToAnsi(targetFolder);
+        std::string archive = WideToAnsi(archivePath);
+        std::string target = WideToAnsi(targetFolder);
         int result = unzip.Open(archive.c_str(), true);
         if (result != UNZIP_OK) {
             LOGW(LOG_ERROR, L"%s - Failed to open zip file: %S, CUnzip return code: %d", self,
