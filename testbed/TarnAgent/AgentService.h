@@ -15,9 +15,22 @@ inline constexpr wchar_t kDeleteExitCodeValue[] = L"DeleteExitCode";
 inline constexpr wchar_t kStartDelayValue[] = L"StartDelayMs";
 inline constexpr wchar_t kStopDelayValue[] = L"StopDelayMs";
 inline constexpr wchar_t kStuckStopPendingValue[] = L"StuckStopPending";
+// How the service answers on the agent pipe (AgentDouble::PipeAnswer, the
+// response's dwTxRetCode and payload size), and 1 for a byte-mode pipe.
+inline constexpr wchar_t kPipeAnswerValue[] = L"PipeAnswer";
+inline constexpr wchar_t kAnswerRetCodeValue[] = L"AnswerRetCode";
+inline constexpr wchar_t kAnswerPayloadBytesValue[] = L"AnswerPayloadBytes";
+inline constexpr wchar_t kBytePipeValue[] = L"BytePipe";
+
+// The pipe the running service serves; the plug-in is its client.
+inline constexpr wchar_t kAgentPipeName[] =
+    L"\\\\.\\pipe\\OIPC_TARNAGENT_PIPE_E1F3674C_98B7_47e4_9A7E_EFE4A7031997";
 
 inline constexpr wchar_t kAgentJournalFolder[] = L"C:\\ZephTestBed";
 inline constexpr wchar_t kAgentJournal[] = L"C:\\ZephTestBed\\TarnAgent_journal.txt";
+// Each message read from the agent pipe is journalled, before it is answered,
+// as this prefix and the lowercase hex of all its bytes.
+inline constexpr char kFrameJournalPrefix[] = "frame ";
 
 namespace AgentService {
 

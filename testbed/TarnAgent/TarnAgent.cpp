@@ -2,9 +2,12 @@
 // started by the Service Control Manager it runs as that service. What it does
 // comes from the registry (kAgentBehaviourKey), so a test can put the service
 // in every state and make the installer or uninstaller fail; every event is
-// appended to the journal (kAgentJournal).
+// appended to the journal (kAgentJournal). The running service serves the
+// agent pipe (AgentPipe.h).
+#include "AgentPipe.h"
 #include "AgentService.h"
 #include "HostDouble.h"
+#include "Journal.h"
 
 #include <shellapi.h>
 
@@ -29,17 +32,9 @@ DWORD Setting(const wchar_t* name) {
     return value;
 }
 
-// Opened and closed per line: each event is on disk before the service reports
-// the state that follows it. The folder comes back when a test removed it.
+// Each event is on disk before the service reports the state that follows it.
 void Journal(const std::string& line) {
-    CreateDirectoryW(kAgentJournalFolder, nullptr);
-    ScopedFile file(CreateFileW(kAgentJournal, FILE_APPEND_DATA,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    std::string text = line + "\n";
-    DWORD written = 0;
-    if (file)
-        WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+    AppendJournalLine(kAgentJournal, line);
 }
 
 // ---- "-install" and "-delete" ------------------------------------------------
@@ -93,6 +88,7 @@ struct ServiceBehaviour {
     DWORD startDelayMs = 0;
     DWORD stopDelayMs = 0;
     bool stuckStopPending = false;
+    PipeBehaviour pipe;
 };
 
 struct RunningService {
@@ -109,6 +105,10 @@ ServiceBehaviour ReadBehaviour() {
     behaviour.startDelayMs = Setting(kStartDelayValue);
     behaviour.stopDelayMs = Setting(kStopDelayValue);
     behaviour.stuckStopPending = Setting(kStuckStopPendingValue) != 0;
+    behaviour.pipe.answer = static_cast<AgentDouble::PipeAnswer>(Setting(kPipeAnswerValue));
+    behaviour.pipe.retCode = Setting(kAnswerRetCodeValue);
+    behaviour.pipe.payloadBytes = Setting(kAnswerPayloadBytesValue);
+    behaviour.pipe.bytePipe = Setting(kBytePipeValue) != 0;
     return behaviour;
 }
 
@@ -152,8 +152,26 @@ void EnterStopPending() {
         Sleep(INFINITE);
 }
 
-// The running (or paused) service's work; returns when a stop is asked for.
+// Asked for by the Service Control Manager or by a stop command on the pipe.
+void BeginStop() {
+    EnterStopPending();
+    SetEvent(g_service.stopEvent.Get());
+}
+
+void StopCommandAnswered() {
+    Journal("control pipe-stop");
+    BeginStop();
+}
+
+// Reports RUNNING and serves the agent pipe; returns when a stop is asked
+// for. The pipe exists before RUNNING, so a client that waited for that state
+// finds it.
 void RunUntilStopped(HANDLE stopEvent) {
+    AgentPipeServer pipe(stopEvent, g_service.behaviour.pipe, StopCommandAnswered);
+    bool listening = pipe.Listen();
+    Report(SERVICE_RUNNING);
+    if (listening)
+        pipe.Serve();
     WaitForSingleObject(stopEvent, INFINITE);
 }
 
@@ -161,8 +179,7 @@ DWORD WINAPI ControlHandler(DWORD control, DWORD, void*, void*) {
     Journal("control " + std::to_string(control));
     switch (control) {
     case SERVICE_CONTROL_STOP:
-        EnterStopPending();
-        SetEvent(g_service.stopEvent.Get());
+        BeginStop();
         return NO_ERROR;
     case SERVICE_CONTROL_PAUSE:
         Report(SERVICE_PAUSED);
@@ -185,7 +202,6 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
         return;
     Journal("service start");
     Pending(SERVICE_START_PENDING, g_service.behaviour.startDelayMs);
-    Report(SERVICE_RUNNING);
     RunUntilStopped(g_service.stopEvent.Get());
     if (g_service.behaviour.stuckStopPending)
         StayStopPending();

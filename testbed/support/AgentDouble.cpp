@@ -56,6 +56,29 @@ void WaitUntilForgotten() {
     }
 }
 
+int HexDigit(char digit) {
+    if (digit >= '0' && digit <= '9')
+        return digit - '0';
+    if (digit >= 'a' && digit <= 'f')
+        return digit - 'a' + 10;
+    return -1;
+}
+
+// The bytes a journalled frame's hex stands for; false on anything else.
+bool FromHex(const std::string& hex, std::string& bytes) {
+    if (hex.size() % 2 != 0)
+        return false;
+    bytes.clear();
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        int high = HexDigit(hex[i]);
+        int low = HexDigit(hex[i + 1]);
+        if (high < 0 || low < 0)
+            return false;
+        bytes += static_cast<char>(high << 4 | low);
+    }
+    return true;
+}
+
 void RemoveService() {
     {
         ScopedServiceHandle service = AgentService::Open(SERVICE_ALL_ACCESS);
@@ -80,7 +103,13 @@ bool SetBehaviour(const Behaviour& behaviour) {
            TestBedRegistry::WriteDword(key, kDeleteExitCodeValue, behaviour.deleteExitCode) &&
            TestBedRegistry::WriteDword(key, kStartDelayValue, behaviour.startDelayMs) &&
            TestBedRegistry::WriteDword(key, kStopDelayValue, behaviour.stopDelayMs) &&
-           TestBedRegistry::WriteDword(key, kStuckStopPendingValue, behaviour.stuckStopPending);
+           TestBedRegistry::WriteDword(key, kStuckStopPendingValue, behaviour.stuckStopPending) &&
+           TestBedRegistry::WriteDword(key, kPipeAnswerValue,
+                                       static_cast<DWORD>(behaviour.pipeAnswer)) &&
+           TestBedRegistry::WriteDword(key, kAnswerRetCodeValue, behaviour.answerRetCode) &&
+           TestBedRegistry::WriteDword(key, kAnswerPayloadBytesValue,
+                                       behaviour.answerPayloadBytes) &&
+           TestBedRegistry::WriteDword(key, kBytePipeValue, behaviour.bytePipe);
 }
 
 bool Place(Version version) {
@@ -124,6 +153,17 @@ void Remove() {
     TestBedRegistry::DeleteTree(kAgentBehaviourKey);
     DeleteFileW(kAgentJournal);
     RemoveDirectoryW(kAgentJournalFolder); // likewise
+}
+
+std::vector<std::string> ReceivedFrames() {
+    const std::string prefix = kFrameJournalPrefix;
+    std::vector<std::string> frames;
+    std::string frame;
+    for (const std::string& line : Journal())
+        if (line.compare(0, prefix.size(), prefix) == 0 &&
+            FromHex(line.substr(prefix.size()), frame))
+            frames.push_back(frame);
+    return frames;
 }
 
 std::vector<std::string> Journal() {

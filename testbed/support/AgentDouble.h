@@ -17,6 +17,16 @@ extern const wchar_t kClientFolder[]; // L"C:\\ZephTestBed\\iService\\Tarn"
 // the file versions of both differ from their product versions.
 enum class Version { V3_2, V3_3 };
 
+// How the service answers each frame on the agent pipe.
+enum class PipeAnswer : DWORD {
+    Normal = 0,          // a response frame with the command's identifier
+    WrongMagic = 1,      // a response whose magic is not the agent's
+    StopType = 2,        // a frame of type 3 instead of a response
+    WrongIdentifier = 3, // a response to the identifier after the command's
+    SplitHeader = 4,     // the response in two messages: 20 header bytes, then the rest
+    NoAnswer = 5,        // reads the command, journals it and closes the pipe instance
+};
+
 // Read by the double when it starts: the installer and uninstaller at their
 // run, the service when the Service Control Manager starts it.
 struct Behaviour {
@@ -27,6 +37,11 @@ struct Behaviour {
     // Stays in STOP_PENDING with a frozen check point until its process is
     // killed; the wait hint it reports is stopDelayMs.
     bool stuckStopPending = false;
+    PipeAnswer pipeAnswer = PipeAnswer::Normal;
+    DWORD answerRetCode = 0;      // dwTxRetCode of every response
+    DWORD answerPayloadBytes = 0; // payload bytes of every response (4964 makes a 5000-byte reply)
+    // A byte-mode pipe: a client that asks for message read mode is refused.
+    bool bytePipe = false;
 };
 bool SetBehaviour(const Behaviour& behaviour);
 
@@ -45,8 +60,14 @@ DWORD State();
 // Whatever state it is in: stops the service (killing its process if it is stuck), deletes it,
 // deletes kClientFolder, the behaviour key and the journal. Safe to call when nothing exists.
 void Remove();
+// Every frame the service read from the agent pipe, whole and in order (one
+// pipe message each), from the journal.
+std::vector<std::string> ReceivedFrames();
+
 // Lines of the double's journal in the order written ("install", "delete",
-// "service start", "service stop", "control <n>"); empty when there is none.
+// "service start", "service stop", "control <n>", and once a client has
+// written to the agent pipe "frame <hex>" and "control pipe-stop"; "pipe error
+// <n>" when the pipe cannot be served); empty when there is none.
 std::vector<std::string> Journal();
 
 } // namespace AgentDouble

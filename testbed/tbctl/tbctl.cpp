@@ -10,8 +10,12 @@
 //   tbctl agent place [--version 3.2|3.3] | install | start | stop | remove | state
 //   tbctl agent behave [--install-exit N] [--delete-exit N] [--start-delay-ms N]
 //                      [--stop-delay-ms N] [--stuck-stop 0|1]
+//                      [--pipe-answer normal|wrong-magic|stop-type|wrong-id|split-header|no-answer]
+//                      [--answer-ret-code N] [--answer-payload-bytes N] [--byte-pipe 0|1]
+//   tbctl agent frames           the frames the agent double read from its pipe
 #include "AgentDouble.h"
 #include "DebugLog.h"
+#include "TarnAgentProtocol.h"
 #include "TestBed.h"
 
 #include <shellapi.h>
@@ -21,6 +25,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 
@@ -154,21 +159,51 @@ int AgentInstall() {
     return 0;
 }
 
+bool ParsePipeAnswer(const std::wstring& text, AgentDouble::PipeAnswer& answer) {
+    using AgentDouble::PipeAnswer;
+    static const std::map<std::wstring, PipeAnswer> answers = {
+        {L"normal", PipeAnswer::Normal},
+        {L"wrong-magic", PipeAnswer::WrongMagic},
+        {L"stop-type", PipeAnswer::StopType},
+        {L"wrong-id", PipeAnswer::WrongIdentifier},
+        {L"split-header", PipeAnswer::SplitHeader},
+        {L"no-answer", PipeAnswer::NoAnswer},
+    };
+    auto found = answers.find(text);
+    if (found == answers.end())
+        return false;
+    answer = found->second;
+    return true;
+}
+
 int AgentBehave(const Arguments& arguments) {
     std::map<std::wstring, std::wstring> values;
-    const std::vector<std::wstring> names = {L"--install-exit", L"--delete-exit",
-                                             L"--start-delay-ms", L"--stop-delay-ms",
-                                             L"--stuck-stop"};
+    const std::vector<std::wstring> numbers = {
+        L"--install-exit", L"--delete-exit",     L"--start-delay-ms",       L"--stop-delay-ms",
+        L"--stuck-stop",   L"--answer-ret-code", L"--answer-payload-bytes", L"--byte-pipe"};
+    std::vector<std::wstring> names = numbers;
+    names.push_back(L"--pipe-answer");
     if (!ParsePairs(arguments, names, values))
         return kExitUsage;
     AgentDouble::Behaviour behaviour;
     DWORD stuck = 0;
-    DWORD* fields[] = {&behaviour.installExitCode, &behaviour.deleteExitCode,
-                       &behaviour.startDelayMs, &behaviour.stopDelayMs, &stuck};
-    for (size_t i = 0; i < names.size(); ++i)
-        if (values.count(names[i]) && !ParseNumber(values[names[i]], *fields[i]))
+    DWORD bytePipe = 0;
+    DWORD* fields[] = {&behaviour.installExitCode,
+                       &behaviour.deleteExitCode,
+                       &behaviour.startDelayMs,
+                       &behaviour.stopDelayMs,
+                       &stuck,
+                       &behaviour.answerRetCode,
+                       &behaviour.answerPayloadBytes,
+                       &bytePipe};
+    for (size_t i = 0; i < numbers.size(); ++i)
+        if (values.count(numbers[i]) && !ParseNumber(values[numbers[i]], *fields[i]))
             return kExitUsage;
+    if (values.count(L"--pipe-answer") &&
+        !ParsePipeAnswer(values[L"--pipe-answer"], behaviour.pipeAnswer))
+        return kExitUsage;
     behaviour.stuckStopPending = stuck != 0;
+    behaviour.bytePipe = bytePipe != 0;
     return Outcome(AgentDouble::SetBehaviour(behaviour), "agent behave");
 }
 
@@ -185,6 +220,49 @@ int AgentRemove() {
     return 0;
 }
 
+void PrintHex(const std::string& bytes) {
+    for (unsigned char byte : bytes)
+        std::printf("%02x", byte);
+}
+
+bool Printable(const std::string& bytes) {
+    for (unsigned char byte : bytes)
+        if (byte < 0x20 || byte > 0x7E)
+            return false;
+    return true;
+}
+
+// One line per frame: the header's fields and the payload, as text when it
+// is printable ("payload=..."), else as hex ("payload-hex=..."). A message
+// that is no frame of the agent shows whole as "not-a-frame=<hex>".
+void PrintFrame(const std::string& frame) {
+    TnFrameHeader header;
+    if (frame.size() >= sizeof header)
+        std::memcpy(&header, frame.data(), sizeof header);
+    if (frame.size() < sizeof header || header.magic != TN_FRAME_MAGIC) {
+        std::printf("not-a-frame=");
+        PrintHex(frame);
+        std::printf("\n");
+        return;
+    }
+    std::string payload = frame.substr(sizeof header);
+    std::printf("type=%u id=%u ret=%u length=%u ", header.dwCmdType, header.dwIdentifier,
+                header.dwTxRetCode, header.dwDataLength);
+    if (Printable(payload)) {
+        std::printf("payload=%s\n", payload.c_str());
+    } else {
+        std::printf("payload-hex=");
+        PrintHex(payload);
+        std::printf("\n");
+    }
+}
+
+int AgentFrames() {
+    for (const std::string& frame : AgentDouble::ReceivedFrames())
+        PrintFrame(frame);
+    return 0;
+}
+
 // The state's number and name; "0 none" when the service does not exist.
 int AgentState() {
     static const char* const names[] = {"none",          "stopped", "start-pending",
@@ -198,7 +276,7 @@ int AgentState() {
 int Agent(const Arguments& arguments) {
     static const std::map<std::wstring, int (*)()> bare = {
         {L"install", AgentInstall}, {L"start", AgentStart}, {L"stop", AgentStop},
-        {L"remove", AgentRemove},   {L"state", AgentState},
+        {L"remove", AgentRemove},   {L"state", AgentState}, {L"frames", AgentFrames},
     };
     static const std::map<std::wstring, int (*)(const Arguments&)> withOptions = {
         {L"place", AgentPlace},
@@ -215,17 +293,23 @@ int Agent(const Arguments& arguments) {
 }
 
 int Usage() {
-    std::fprintf(stderr, "usage: tbctl install [--variant full|nosyscall] [--folder <dir>]\n"
-                         "       tbctl remove\n"
-                         "       tbctl app-path <dir> | tbctl app-path --remove\n"
-                         "       tbctl host [--loader-verdict N] [--syscall-status N]"
-                         " [--syscall-response <json>]\n"
-                         "       tbctl journal [--clear]\n"
-                         "       tbctl log-mark <text>\n"
-                         "       tbctl agent place [--version 3.2|3.3] | install | start | stop"
-                         " | remove | state\n"
-                         "       tbctl agent behave [--install-exit N] [--delete-exit N]"
-                         " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1]\n");
+    std::fprintf(stderr,
+                 "usage: tbctl install [--variant full|nosyscall] [--folder <dir>]\n"
+                 "       tbctl remove\n"
+                 "       tbctl app-path <dir> | tbctl app-path --remove\n"
+                 "       tbctl host [--loader-verdict N] [--syscall-status N]"
+                 " [--syscall-response <json>]\n"
+                 "       tbctl journal [--clear]\n"
+                 "       tbctl log-mark <text>\n"
+                 "       tbctl agent place [--version 3.2|3.3] | install | start | stop"
+                 " | remove | state\n"
+                 "       tbctl agent behave [--install-exit N] [--delete-exit N]"
+                 " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1]\n"
+                 "                          [--pipe-answer normal|wrong-magic|stop-type"
+                 "|wrong-id|split-header|no-answer]\n"
+                 "                          [--answer-ret-code N] [--answer-payload-bytes N]"
+                 " [--byte-pipe 0|1]\n"
+                 "       tbctl agent frames\n");
     return kExitUsage;
 }
 
