@@ -2,13 +2,10 @@
 
 #include "DebugLog.h"
 #include "ScopedHandle.h"
+#include "ServiceControl.h"
 #include "ZephIntegration.h"
 
 #include <vector>
-
-namespace {
-const wchar_t kAgentService[] = L"TarnAgent";
-} // namespace
 
 std::wstring ClientFile(const std::wstring& folder, const wchar_t* fileName) {
     if (folder.empty() || folder.back() == L'\\')
@@ -56,16 +53,14 @@ bool GetClientServiceStatus(uint32_t& state) {
              static_cast<int>(GetLastError()));
         return false;
     }
-    ScopedServiceHandle service(OpenServiceW(manager.Get(), kAgentService, SERVICE_ALL_ACCESS));
+    ScopedServiceHandle service(OpenServiceW(manager.Get(), kTarnServiceName, SERVICE_ALL_ACCESS));
     if (!service) {
-        LOGW(LOG_ERROR, L"%s - OpenService(%s) failed (%d)\n", self, kAgentService,
+        LOGW(LOG_ERROR, L"%s - OpenService(%s) failed (%d)\n", self, kTarnServiceName,
              static_cast<int>(GetLastError()));
         return false;
     }
     SERVICE_STATUS_PROCESS status = {};
-    DWORD needed = 0;
-    if (!QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO,
-                              reinterpret_cast<BYTE*>(&status), sizeof(status), &needed)) {
+    if (!QueryTarnStatus(service.Get(), status)) {
         LOGW(LOG_ERROR,
              L"%s - Failed to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking "
              L"current status (%d)\n",

@@ -207,8 +207,10 @@ void AgentPipeServer::Serve() {
         connection.join();
 }
 
-// Until the client closes its end or the service stops; the instance is
-// disconnected and closed then, so it does not count against the pipe.
+// Until the client closes its end or the service stops. The instance is then
+// closed, not disconnected: a disconnect would throw away an answer the client
+// has not read yet (the one to a stop command), and a closed end shows the
+// client a broken pipe, as a vanished agent does.
 void AgentPipeServer::ServeConnection(ScopedFile pipe) const {
     PipeIo io(pipe.Get(), m_stop);
     std::string message;
@@ -221,5 +223,4 @@ void AgentPipeServer::ServeConnection(ScopedFile pipe) const {
         if (!keepOpen)
             break;
     }
-    DisconnectNamedPipe(pipe.Get());
 }

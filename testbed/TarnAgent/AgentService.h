@@ -14,6 +14,7 @@ inline constexpr wchar_t kInstallExitCodeValue[] = L"InstallExitCode";
 inline constexpr wchar_t kDeleteExitCodeValue[] = L"DeleteExitCode";
 inline constexpr wchar_t kStartDelayValue[] = L"StartDelayMs";
 inline constexpr wchar_t kStopDelayValue[] = L"StopDelayMs";
+inline constexpr wchar_t kStartExitCodeValue[] = L"StartExitCode";
 inline constexpr wchar_t kStuckStopPendingValue[] = L"StuckStopPending";
 // How the service answers on the agent pipe (AgentDouble::PipeAnswer, the
 // response's dwTxRetCode and payload size), and 1 for a byte-mode pipe.

@@ -24,6 +24,7 @@ constexpr DWORD kDeleteStopWaitMs = 10000;
 // A pending phase advances its check point this often, so a client that waits
 // while the service makes progress sees the phase through.
 constexpr DWORD kProgressStepMs = 500;
+constexpr DWORD kStopCommandGraceMs = 500;
 constexpr wchar_t kDisplayName[] = L"Tarn Agent (test bed double)";
 
 DWORD Setting(const wchar_t* name) {
@@ -87,6 +88,7 @@ int Delete() {
 struct ServiceBehaviour {
     DWORD startDelayMs = 0;
     DWORD stopDelayMs = 0;
+    DWORD startExitCode = 0;
     bool stuckStopPending = false;
     PipeBehaviour pipe;
 };
@@ -104,6 +106,7 @@ ServiceBehaviour ReadBehaviour() {
     ServiceBehaviour behaviour;
     behaviour.startDelayMs = Setting(kStartDelayValue);
     behaviour.stopDelayMs = Setting(kStopDelayValue);
+    behaviour.startExitCode = Setting(kStartExitCodeValue);
     behaviour.stuckStopPending = Setting(kStuckStopPendingValue) != 0;
     behaviour.pipe.answer = static_cast<AgentDouble::PipeAnswer>(Setting(kPipeAnswerValue));
     behaviour.pipe.retCode = Setting(kAnswerRetCodeValue);
@@ -118,13 +121,13 @@ DWORD AcceptedControls(DWORD state) {
     return 0;
 }
 
-void Report(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0) {
+void Report(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0, DWORD exitCode = NO_ERROR) {
     std::lock_guard<std::mutex> guard(g_service.lock);
     SERVICE_STATUS& status = g_service.status;
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state;
     status.dwControlsAccepted = AcceptedControls(state);
-    status.dwWin32ExitCode = NO_ERROR;
+    status.dwWin32ExitCode = exitCode;
     status.dwCheckPoint = checkPoint;
     status.dwWaitHint = waitHint;
     SetServiceStatus(g_service.statusHandle, &status);
@@ -158,9 +161,13 @@ void BeginStop() {
     SetEvent(g_service.stopEvent.Get());
 }
 
+// Winding down takes an agent a moment: the client reads the answer and has
+// its next read outstanding before the pipe goes away with the service.
 void StopCommandAnswered() {
     Journal("control pipe-stop");
-    BeginStop();
+    EnterStopPending();
+    Sleep(kStopCommandGraceMs);
+    SetEvent(g_service.stopEvent.Get());
 }
 
 // Reports RUNNING and serves the agent pipe; returns when a stop is asked
@@ -202,6 +209,11 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
         return;
     Journal("service start");
     Pending(SERVICE_START_PENDING, g_service.behaviour.startDelayMs);
+    if (g_service.behaviour.startExitCode != 0) { // a start that fails
+        Journal("service stop");
+        Report(SERVICE_STOPPED, 0, 0, g_service.behaviour.startExitCode);
+        return;
+    }
     RunUntilStopped(g_service.stopEvent.Get());
     if (g_service.behaviour.stuckStopPending)
         StayStopPending();

@@ -103,6 +103,7 @@ bool SetBehaviour(const Behaviour& behaviour) {
            TestBedRegistry::WriteDword(key, kDeleteExitCodeValue, behaviour.deleteExitCode) &&
            TestBedRegistry::WriteDword(key, kStartDelayValue, behaviour.startDelayMs) &&
            TestBedRegistry::WriteDword(key, kStopDelayValue, behaviour.stopDelayMs) &&
+           TestBedRegistry::WriteDword(key, kStartExitCodeValue, behaviour.startExitCode) &&
            TestBedRegistry::WriteDword(key, kStuckStopPendingValue, behaviour.stuckStopPending) &&
            TestBedRegistry::WriteDword(key, kPipeAnswerValue,
                                        static_cast<DWORD>(behaviour.pipeAnswer)) &&

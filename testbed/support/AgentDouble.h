@@ -34,6 +34,7 @@ struct Behaviour {
     DWORD deleteExitCode = 0;  // "-delete" exits with it
     DWORD startDelayMs = 0;    // START_PENDING for this long, the check point advancing
     DWORD stopDelayMs = 0;     // STOP_PENDING for this long, the check point advancing
+    DWORD startExitCode = 0;   // not 0: after START_PENDING it stops with this dwWin32ExitCode
     // Stays in STOP_PENDING with a frozen check point until its process is
     // killed; the wait hint it reports is stopDelayMs.
     bool stuckStopPending = false;

@@ -9,7 +9,7 @@
 //   tbctl log-mark <text>        sends one record to the log server
 //   tbctl agent place [--version 3.2|3.3] | install | start | stop | remove | state
 //   tbctl agent behave [--install-exit N] [--delete-exit N] [--start-delay-ms N]
-//                      [--stop-delay-ms N] [--stuck-stop 0|1]
+//                      [--stop-delay-ms N] [--stuck-stop 0|1] [--start-exit N]
 //                      [--pipe-answer normal|wrong-magic|stop-type|wrong-id|split-header|no-answer]
 //                      [--answer-ret-code N] [--answer-payload-bytes N] [--byte-pipe 0|1]
 //   tbctl agent frames           the frames the agent double read from its pipe
@@ -179,8 +179,9 @@ bool ParsePipeAnswer(const std::wstring& text, AgentDouble::PipeAnswer& answer) 
 int AgentBehave(const Arguments& arguments) {
     std::map<std::wstring, std::wstring> values;
     const std::vector<std::wstring> numbers = {
-        L"--install-exit", L"--delete-exit",     L"--start-delay-ms",       L"--stop-delay-ms",
-        L"--stuck-stop",   L"--answer-ret-code", L"--answer-payload-bytes", L"--byte-pipe"};
+        L"--install-exit",         L"--delete-exit", L"--start-delay-ms",
+        L"--stop-delay-ms",        L"--stuck-stop",  L"--answer-ret-code",
+        L"--answer-payload-bytes", L"--byte-pipe",   L"--start-exit"};
     std::vector<std::wstring> names = numbers;
     names.push_back(L"--pipe-answer");
     if (!ParsePairs(arguments, names, values))
@@ -195,7 +196,8 @@ int AgentBehave(const Arguments& arguments) {
                        &stuck,
                        &behaviour.answerRetCode,
                        &behaviour.answerPayloadBytes,
-                       &bytePipe};
+                       &bytePipe,
+                       &behaviour.startExitCode};
     for (size_t i = 0; i < numbers.size(); ++i)
         if (values.count(numbers[i]) && !ParseNumber(values[numbers[i]], *fields[i]))
             return kExitUsage;
@@ -304,7 +306,7 @@ int Usage() {
                  "       tbctl agent place [--version 3.2|3.3] | install | start | stop"
                  " | remove | state\n"
                  "       tbctl agent behave [--install-exit N] [--delete-exit N]"
-                 " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1]\n"
+                 " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1] [--start-exit N]\n"
                  "                          [--pipe-answer normal|wrong-magic|stop-type"
                  "|wrong-id|split-header|no-answer]\n"
                  "                          [--answer-ret-code N] [--answer-payload-bytes N]"
