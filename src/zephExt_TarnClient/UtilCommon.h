@@ -14,3 +14,9 @@ bool PrepAndLaunchRedirectedChild(const wchar_t* program, const wchar_t* argumen
 // Extracts every entry of the archive into `targetFolder` (paths kept,
 // existing files replaced); true when all of them were extracted.
 bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder);
+
+// Reports an action's outcome to the management server through the parent
+// product's HTTP library: the record {"name":"NotifyResult","notifyType":n,
+// "result":n} with the command text "Tarn+" + `commandText`. True when the
+// server answered with error code 0.
+bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* commandText);
