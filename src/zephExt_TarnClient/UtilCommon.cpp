@@ -3,8 +3,16 @@
 #include "DebugLog.h"
 #include "CUnzip.h"
 #include "AnsiText.h"
+#include "JsonRequest.h"
+#include "ResolveProc.h"
 #include "ScopedHandle.h"
+#include "ZephIntegration.h"
 
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <atomic>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -175,4 +183,149 @@ bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder) {
         LOGW(LOG_ERROR, L"%s - error code: %d", self, static_cast<int>(error.Code()));
         return false;
     }
+}
+
+// ---- Result notification to the management server ---------------------------
+
+namespace {
+
+// The parent product's HTTP client library, found in its install folder.
+constexpr wchar_t kQvsockFile[] = L"Qvsock_64x.dll";
+constexpr wchar_t kQvsockModule[] = L"Qvsock_64x";
+constexpr char kQvsockName[] = "Qvsock_64x";
+constexpr char kSendFunctionName[] = "qvSendHttpToCRVLServer2";
+constexpr char kServerCommandPath[] = "corvale_tarn/command";
+constexpr char kCommandPrefix[] = "Tarn+";
+// The library writes the server's answer here, relative to the current folder.
+constexpr char kResponseFolder[] = ".\\";
+constexpr char kResponseName[] = "qvsock_response";
+
+using SendHttpToServerFn = int (*)(const char* commandPath, int flag, const char* body,
+                                   uint32_t bodyLength, const char* responseFile,
+                                   int* httpResponseCode, int* responseLength, int reserved,
+                                   const char* commandText);
+
+// Resolved once; the library then stays loaded for the life of the process.
+// Two threads resolving at once both load it, which costs only a reference.
+std::atomic<SendHttpToServerFn> g_sendHttpToServer{nullptr};
+
+bool ResolveSendFunction() {
+    const char* self = "talkToTarnServer";
+    std::wstring installPath;
+    if (!GetCRVLInstallPath(installPath)) {
+        LOGA(LOG_ERROR, "%s - Unable to get CRVL install path.", self);
+        return false;
+    }
+    SetDllDirectoryW(installPath.c_str());
+    HMODULE loaded = LoadLibraryW(kQvsockFile);
+    SetDllDirectoryW(nullptr);
+    if (!loaded) {
+        LOGA(LOG_ERROR, "%s - Unable to load %s.dll.", self, kQvsockName);
+        return false;
+    }
+    auto send = ResolveProc<SendHttpToServerFn>(GetModuleHandleW(kQvsockModule), kSendFunctionName);
+    if (!send) {
+        LOGA(LOG_ERROR, "%s - Unable to load function %s.", self, kSendFunctionName);
+        return false;
+    }
+    g_sendHttpToServer = send;
+    return true;
+}
+
+} // namespace
+
+bool loadFileToString(const char* path, std::string& content) {
+    const char* self = "loadFileToString";
+    FILE* file = fopen(path, "rb");
+    if (!file) {
+        LOGA(LOG_ERROR, "%s - Unable to open %s.", self, path);
+        return false;
+    }
+    long length = -1;
+    if (fseek(file, 0, SEEK_END) == 0)
+        length = ftell(file);
+    rewind(file);
+    size_t read = 0;
+    if (length > 0) {
+        content.assign(static_cast<size_t>(length), '\0');
+        read = fread(&content[0], 1, content.size(), file);
+    } else {
+        content.clear();
+    }
+    fclose(file);
+    if (length < 0 || read != static_cast<size_t>(length)) {
+        LOGA(LOG_ERROR, "%s - Unable to read file(%s), expect length(%d), actual(%d)", self, path,
+             static_cast<int>(length), static_cast<int>(read));
+        return false;
+    }
+    return true;
+}
+
+bool talkToTarnServer(const rapidjson::Value& request, JsonRequest& response,
+                      const char* commandText) {
+    const char* self = "talkToTarnServer";
+    if (!g_sendHttpToServer && !ResolveSendFunction())
+        return false;
+
+    rapidjson::StringBuffer body;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(body);
+    request.Accept(writer);
+    std::string command = std::string(kCommandPrefix) + (commandText ? commandText : "");
+    std::string responseFile = std::string(kResponseFolder) + kResponseName;
+
+    int httpCode = 0;
+    int responseLength = 0;
+    int sent = g_sendHttpToServer.load()(
+        kServerCommandPath, 0, body.GetString(), static_cast<uint32_t>(body.GetSize()),
+        responseFile.c_str(), &httpCode, &responseLength, 0, command.c_str());
+    if (!sent) {
+        LOGA(LOG_ERROR, "%s - Unable to send request to server, responseCode(%d)", self, httpCode);
+        return false;
+    }
+    LOGA(LOG_DETAIL, "%s - Send request to server succeeded, responseCode(%d)", self, httpCode);
+
+    std::string answer;
+    if (!loadFileToString(responseFile.c_str(), answer)) {
+        LOGA(LOG_ERROR, "%s - Unable to load qvSock response, file=%s", self, responseFile.c_str());
+        return false;
+    }
+    DeleteFileA(responseFile.c_str());
+    if (!response.Parse(static_cast<int32_t>(answer.size()), answer.c_str())) {
+        LOGA(LOG_ERROR, "%s - Unable to prase response json, error: %d", self,
+             response.ParseErrorCode());
+        return false;
+    }
+    return true;
+}
+
+bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* commandText) {
+    const char* self = "sendNotifyResultToServer";
+    rapidjson::Document record(rapidjson::kObjectType);
+    rapidjson::Document::AllocatorType& allocator = record.GetAllocator();
+    record.AddMember("name", "NotifyResult", allocator);
+    record.AddMember("notifyType", notifyType, allocator);
+    record.AddMember("result", result, allocator);
+
+    JsonRequest answer;
+    bool talked = false;
+    try {
+        talked = talkToTarnServer(record, answer, commandText);
+    } catch (...) { // out of memory on the way: the server was not told
+        talked = false;
+    }
+    if (!talked) {
+        LOGA(LOG_ERROR, "%s - Unable to talk to Tarn Server.", self);
+        return false;
+    }
+    const rapidjson::Value& document = answer.Document();
+    const rapidjson::Value* value = FindMember(document, "value");
+    if (!IsStringEqual(FindMember(document, "name"), "errorCode") || !value || !value->IsInt()) {
+        LOGA(LOG_ERROR, "%s - Invalid response format.", self);
+        return false;
+    }
+    if (value->GetInt() != 0) {
+        LOGA(LOG_ERROR, "%s - Tarn server respond error:%d", self, value->GetInt());
+        return false;
+    }
+    return true;
 }

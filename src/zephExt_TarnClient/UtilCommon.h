@@ -1,8 +1,14 @@
 #pragma once
-// Running the agent's own command lines and unpacking its package archive.
+// Running the agent's own command lines, unpacking its package archive and
+// reporting outcomes to the management server.
 #include <windows.h>
 
+#include <rapidjson/document.h>
+
 #include <cstdint>
+#include <string>
+
+class JsonRequest;
 
 // Runs "program" arguments in a new console and waits up to five minutes;
 // true when it exited with 0. `exitCode` gets the child's exit code, or the
@@ -20,3 +26,11 @@ bool DecompressFile(const wchar_t* archivePath, const wchar_t* targetFolder);
 // "result":n} with the command text "Tarn+" + `commandText`. True when the
 // server answered with error code 0.
 bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* commandText);
+
+// Sends `request` to the management server through the parent product's HTTP
+// library with the command text "Tarn+" + `commandText`, then reads, deletes
+// and parses the answer file. True when `response` holds the parsed answer.
+bool talkToTarnServer(const rapidjson::Value& request, JsonRequest& response,
+                      const char* commandText);
+// The whole file, read as bytes; false when it cannot be opened or read whole.
+bool loadFileToString(const char* path, std::string& content);

@@ -1,5 +1,7 @@
 #include "TestBed.h"
 
+#include "QvsockDouble.h"
+
 #include <filesystem>
 
 namespace {
@@ -32,6 +34,10 @@ bool Create(HostLibraryVariant variant, const std::wstring& folder) {
         return false;
     std::wstring target = WithTrailingBackslash(folder) + kHostLibraryName;
     if (!CopyFileW(BinPath(HostDoubleFile(variant)).c_str(), target.c_str(), FALSE))
+        return false;
+    // The parent product ships its HTTP client library in the same folder.
+    std::wstring httpLibrary = WithTrailingBackslash(folder) + QvsockDouble::kFileName;
+    if (!CopyFileW(QvsockDouble::BuiltPath().c_str(), httpLibrary.c_str(), FALSE))
         return false;
     return TestBedRegistry::WriteText(kTestBedKey, kInstallFolderValue, folder) &&
            SetApplicationPath(folder);

@@ -1,5 +1,6 @@
 // Test-bed control for scripts: sets up and removes the parent product's
-// simulated installation and the host library double's behaviour.
+// simulated installation and the behaviour of the host library double and
+// the HTTP library double.
 //
 //   tbctl install [--variant full|nosyscall] [--folder <dir>]
 //   tbctl remove
@@ -13,8 +14,12 @@
 //                      [--pipe-answer normal|wrong-magic|stop-type|wrong-id|split-header|no-answer]
 //                      [--answer-ret-code N] [--answer-payload-bytes N] [--byte-pipe 0|1]
 //   tbctl agent frames           the frames the agent double read from its pipe
+//   tbctl server [--send-result N] [--http-code N] [--answer <json>] [--no-answer-file 0|1]
+//                                how the HTTP library double answers (an option left out: default)
+//   tbctl server-journal [--clear]
 #include "AgentDouble.h"
 #include "DebugLog.h"
+#include "QvsockDouble.h"
 #include "TarnAgentProtocol.h"
 #include "TestBed.h"
 
@@ -294,6 +299,41 @@ int Agent(const Arguments& arguments) {
     return optioned != withOptions.end() ? optioned->second(options) : kExitUsage;
 }
 
+// ---- tbctl server: the HTTP library double ----------------------------------
+
+int Server(const Arguments& arguments) {
+    std::map<std::wstring, std::wstring> values;
+    if (!ParsePairs(arguments, {L"--send-result", L"--http-code", L"--answer", L"--no-answer-file"},
+                    values))
+        return kExitUsage;
+    QvsockDouble::Behaviour behaviour;
+    DWORD noAnswerFile = 0;
+    if (values.count(L"--send-result") &&
+        !ParseNumber(values[L"--send-result"], behaviour.sendResult))
+        return kExitUsage;
+    if (values.count(L"--http-code") && !ParseNumber(values[L"--http-code"], behaviour.httpCode))
+        return kExitUsage;
+    if (values.count(L"--no-answer-file") &&
+        !ParseNumber(values[L"--no-answer-file"], noAnswerFile))
+        return kExitUsage;
+    if (values.count(L"--answer"))
+        behaviour.answer = Narrow(values[L"--answer"]);
+    behaviour.noAnswerFile = noAnswerFile != 0;
+    return Outcome(QvsockDouble::SetBehaviour(behaviour), "server");
+}
+
+int ServerJournal(const Arguments& arguments) {
+    if (arguments.size() == 1 && arguments[0] == L"--clear") {
+        QvsockDouble::ClearJournal();
+        return 0;
+    }
+    if (!arguments.empty())
+        return kExitUsage;
+    for (const std::string& line : QvsockDouble::Journal())
+        std::printf("%s\n", line.c_str());
+    return 0;
+}
+
 int Usage() {
     std::fprintf(stderr,
                  "usage: tbctl install [--variant full|nosyscall] [--folder <dir>]\n"
@@ -311,7 +351,10 @@ int Usage() {
                  "|wrong-id|split-header|no-answer]\n"
                  "                          [--answer-ret-code N] [--answer-payload-bytes N]"
                  " [--byte-pipe 0|1]\n"
-                 "       tbctl agent frames\n");
+                 "       tbctl agent frames\n"
+                 "       tbctl server [--send-result N] [--http-code N] [--answer <json>]"
+                 " [--no-answer-file 0|1]\n"
+                 "       tbctl server-journal [--clear]\n");
     return kExitUsage;
 }
 
@@ -332,7 +375,7 @@ int main() {
     static const std::map<std::wstring, int (*)(const Arguments&)> commands = {
         {L"install", Install}, {L"remove", Remove},   {L"app-path", ApplicationPath},
         {L"host", Host},       {L"journal", Journal}, {L"log-mark", LogMark},
-        {L"agent", Agent},
+        {L"agent", Agent},     {L"server", Server},   {L"server-journal", ServerJournal},
     };
     Arguments arguments = WideArguments();
     auto command = arguments.size() > 1 ? commands.find(arguments[1]) : commands.end();

@@ -1,0 +1,38 @@
+#include "QvsockDouble.h"
+
+#include "TestBed.h"
+
+namespace QvsockDouble {
+
+std::wstring BuiltPath() {
+    return BinDir() + L"parent\\" + kFileName;
+}
+
+bool SetBehaviour(const Behaviour& behaviour) {
+    return TestBedRegistry::WriteDword(kQvsockBehaviourKey, kQvsockSendResultValue,
+                                       behaviour.sendResult) &&
+           TestBedRegistry::WriteDword(kQvsockBehaviourKey, kQvsockHttpCodeValue,
+                                       behaviour.httpCode) &&
+           TestBedRegistry::WriteText(kQvsockBehaviourKey, kQvsockAnswerValue,
+                                      Widen(behaviour.answer)) &&
+           TestBedRegistry::WriteDword(kQvsockBehaviourKey, kQvsockNoAnswerFileValue,
+                                       behaviour.noAnswerFile ? 1 : 0);
+}
+
+std::vector<std::string> Journal() {
+    std::string bytes;
+    if (!ReadFileBytes(kQvsockJournal, bytes))
+        return {};
+    return SplitLines(bytes);
+}
+
+void ClearJournal() {
+    DeleteFileW(kQvsockJournal);
+}
+
+void Remove() {
+    TestBedRegistry::DeleteTree(kQvsockBehaviourKey);
+    ClearJournal();
+}
+
+} // namespace QvsockDouble

@@ -1,0 +1,151 @@
+// The result notification against the HTTP library double, loaded from the
+// simulated installation as the plug-in finds it there.
+#include "LogCapture.h"
+#include "QvsockDouble.h"
+#include "UtilCommon.h"
+
+namespace {
+
+const char kAnswerFile[] = ".\\qvsock_response";
+const std::string kSent =
+    "D talkToTarnServer - Send request to server succeeded, responseCode(200)";
+const std::string kTalkFailed = "E sendNotifyResultToServer - Unable to talk to Tarn Server.";
+const std::string kInvalid = "E sendNotifyResultToServer - Invalid response format.";
+
+std::string JournalLine(const std::string& body, const std::string& command) {
+    return "qvSendHttpToCRVLServer2|corvale_tarn/command|0|" + body + "|" +
+           std::to_string(body.size()) + "|.\\qvsock_response|out|out|0|Tarn+" + command;
+}
+
+bool AnswerFileExists() {
+    return GetFileAttributesA(kAnswerFile) != INVALID_FILE_ATTRIBUTES;
+}
+
+class ServerNotifyTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        QvsockDouble::Remove();
+        SimulatedInstall::Remove();
+        DeleteFileA(kAnswerFile);
+        ASSERT_TRUE(SimulatedInstall::Create());
+    }
+    void TearDown() override {
+        QvsockDouble::Remove();
+        SimulatedInstall::Remove();
+        DeleteFileA(kAnswerFile);
+    }
+
+    static std::wstring InstalledLibrary() {
+        return std::wstring(SimulatedInstall::kFolder) + QvsockDouble::kFileName;
+    }
+
+    // One notification (1, 0, "cmd") that reached the double; its answer file is gone.
+    void ExpectNotified(bool expected, const Lines& log) {
+        EXPECT_EQ(sendNotifyResultToServer(1, 0, "cmd"), expected);
+        EXPECT_EQ(Logged(), log);
+        EXPECT_EQ(
+            QvsockDouble::Journal(),
+            Lines{JournalLine(R"({"name":"NotifyResult","notifyType":1,"result":0})", "cmd")});
+        EXPECT_FALSE(AnswerFileExists());
+        QvsockDouble::ClearJournal();
+    }
+};
+
+TEST_F(ServerNotifyTest, ServerAnswers) {
+    struct Case {
+        QvsockDouble::Behaviour behaviour;
+        bool expected;
+        Lines log;
+    };
+    auto answer = [](const std::string& text) {
+        QvsockDouble::Behaviour behaviour;
+        behaviour.answer = text;
+        return behaviour;
+    };
+    QvsockDouble::Behaviour noFile;
+    noFile.noAnswerFile = true;
+    QvsockDouble::Behaviour refused;
+    refused.sendResult = 0;
+    refused.httpCode = 503;
+    const Case cases[] = {
+        {{}, true, {kSent}},
+        {answer(R"({"name":"errorCode","value":5})"),
+         false,
+         {kSent, "E sendNotifyResultToServer - Tarn server respond error:5"}},
+        {answer(R"({"value":-1,"name":"errorCode","extra":[]})"),
+         false,
+         {kSent, "E sendNotifyResultToServer - Tarn server respond error:-1"}},
+        {answer(""),
+         false,
+         {kSent, "E talkToTarnServer - Unable to prase response json, error: 1", kTalkFailed}},
+        {answer(R"({"name":)"),
+         false,
+         {kSent, "E talkToTarnServer - Unable to prase response json, error: 3", kTalkFailed}},
+        {answer("[0]"), false, {kSent, kInvalid}},
+        {answer(R"({"value":0})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorcode","value":0})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorCodes","value":0})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorCode"})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorCode","value":"0"})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorCode","value":0.0})"), false, {kSent, kInvalid}},
+        {answer(R"({"name":"errorCode","value":4294967295})"), false, {kSent, kInvalid}},
+        {noFile,
+         false,
+         {kSent, "E loadFileToString - Unable to open .\\qvsock_response.",
+          "E talkToTarnServer - Unable to load qvSock response, file=.\\qvsock_response",
+          kTalkFailed}},
+        {refused,
+         false,
+         {"E talkToTarnServer - Unable to send request to server, responseCode(503)", kTalkFailed}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.behaviour.answer + " send=" + std::to_string(c.behaviour.sendResult) +
+                     " file=" + std::to_string(!c.behaviour.noAnswerFile));
+        ASSERT_TRUE(QvsockDouble::SetBehaviour(c.behaviour));
+        ExpectNotified(c.expected, c.log);
+    }
+}
+
+TEST_F(ServerNotifyTest, RecordAndCommandTextReachTheLibrary) {
+    EXPECT_TRUE(sendNotifyResultToServer(-7, 2147483647, "Install=\"x y\"|z"));
+    EXPECT_TRUE(sendNotifyResultToServer(0, -1, ""));
+    EXPECT_EQ(QvsockDouble::Journal(),
+              (Lines{JournalLine(R"({"name":"NotifyResult","notifyType":-7,"result":2147483647})",
+                                 "Install=\"x y\"|z"),
+                     JournalLine(R"({"name":"NotifyResult","notifyType":0,"result":-1})", "")}));
+    EXPECT_EQ(Logged(), (Lines{kSent, kSent}));
+}
+
+// A failed load is tried again at the next notification; a loaded library is kept.
+TEST_F(ServerNotifyTest, LibraryIsLoadedFromTheInstallFolderOnceFound) {
+    SimulatedInstall::RemoveApplicationPath();
+    EXPECT_FALSE(sendNotifyResultToServer(1, 0, "cmd"));
+    Lines log = Logged();
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(Lines(log.end() - 2, log.end()),
+              (Lines{"E talkToTarnServer - Unable to get CRVL install path.", kTalkFailed}));
+
+    ASSERT_TRUE(SimulatedInstall::SetApplicationPath(SimulatedInstall::kFolder));
+    ASSERT_TRUE(DeleteFileW(InstalledLibrary().c_str()));
+    EXPECT_FALSE(sendNotifyResultToServer(1, 0, "cmd"));
+    EXPECT_EQ(Logged(),
+              (Lines{"E talkToTarnServer - Unable to load Qvsock_64x.dll.", kTalkFailed}));
+    EXPECT_EQ(QvsockDouble::Journal(), Lines{});
+
+    ASSERT_TRUE(CopyFileW(QvsockDouble::BuiltPath().c_str(), InstalledLibrary().c_str(), FALSE));
+    ExpectNotified(true, {kSent});
+    // Loaded for good: the install folder is no longer consulted.
+    SimulatedInstall::RemoveApplicationPath();
+    ExpectNotified(true, {kSent});
+}
+
+TEST_F(ServerNotifyTest, LibraryWithoutTheSendFunctionIsRefused) {
+    ASSERT_TRUE(CopyFileW(BinPath(L"qvnotify.dll").c_str(), InstalledLibrary().c_str(), FALSE));
+    EXPECT_FALSE(sendNotifyResultToServer(1, 0, "cmd"));
+    EXPECT_EQ(Logged(),
+              (Lines{"E talkToTarnServer - Unable to load function qvSendHttpToCRVLServer2.",
+                     kTalkFailed}));
+}
+
+} // namespace
