@@ -35,3 +35,10 @@ bool IsStringEqual(const rapidjson::Value* value, const char* expected) {
     size_t length = strlen(expected);
     return value->GetStringLength() == length && memcmp(value->GetString(), expected, length) == 0;
 }
+
+std::string StringMember(const rapidjson::Value& object, const char* name) {
+    const rapidjson::Value* member = FindMember(object, name);
+    if (!member || !member->IsString())
+        return std::string();
+    return std::string(member->GetString(), member->GetStringLength());
+}

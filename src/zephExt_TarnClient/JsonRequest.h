@@ -30,3 +30,5 @@ std::string RequestText(int32_t length, const char* text);
 const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name);
 // True when `value` is a string equal to `expected` (embedded NULs count).
 bool IsStringEqual(const rapidjson::Value* value, const char* expected);
+// The text of a string member; empty when it is missing or not a string.
+std::string StringMember(const rapidjson::Value& object, const char* name);

@@ -15,15 +15,13 @@ namespace {
 const wchar_t kImageOptionsKey[] =
     L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 
-void SetQueryResult(rapidjson::Value& result, rapidjson::Value& content,
-                    JsonAllocator& allocator) {
+void SetQueryResult(rapidjson::Value& result, rapidjson::Value& content, JsonAllocator& allocator) {
     result.AddMember("type", ZEPH_QUERY_RESULT_TYPE_DATA, allocator);
     result.AddMember("content", content, allocator);
 }
 
 rapidjson::Value CopiedString(const std::string& text, JsonAllocator& allocator) {
-    return rapidjson::Value(text.c_str(), static_cast<rapidjson::SizeType>(text.size()),
-                            allocator);
+    return rapidjson::Value(text.c_str(), static_cast<rapidjson::SizeType>(text.size()), allocator);
 }
 
 std::string ToUtf8(const std::wstring& text) {
@@ -191,20 +189,19 @@ uint32_t getSelfProtectionData(rapidjson::Value& result, JsonAllocator& allocato
     const std::string services = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\";
     const std::string imageOptions =
         "HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
-    content.AddMember("registry_path",
-                      StringArray({services + "kvfltsa", services + "TarnAgent",
-                                   services + "kvfltsa" + "\\*", imageOptions + "TarnAgent.exe",
-                                   imageOptions + "hdc.exe"},
-                                  allocator),
-                      allocator);
+    content.AddMember(
+        "registry_path",
+        StringArray({services + "kvfltsa", services + "TarnAgent", services + "kvfltsa" + "\\*",
+                     imageOptions + "TarnAgent.exe", imageOptions + "hdc.exe"},
+                    allocator),
+        allocator);
     content.AddMember("process_path", StringArray({agent}, allocator), allocator);
     content.AddMember("service_path",
                       StringArray({"SYSTEM\\CurrentControlSet\\Services\\kvfltsa",
                                    "SYSTEM\\CurrentControlSet\\Services\\TarnAgent"},
                                   allocator),
                       allocator);
-    content.AddMember("whitelist_program", StringArray({agent, secondAgent}, allocator),
-                      allocator);
+    content.AddMember("whitelist_program", StringArray({agent, secondAgent}, allocator), allocator);
     SetQueryResult(result, content, allocator);
     return RESULT_SUCCESS;
 }

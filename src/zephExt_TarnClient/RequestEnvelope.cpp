@@ -5,6 +5,8 @@
 #include "ResultCodes.h"
 #include "ZephIntegration.h"
 
+#include <exception>
+
 uint32_t RunRequest(const RequestKind& kind, int32_t length, const char* request) {
     LOGA(LOG_INFO, "%s - >>> %s", kind.exportName, kind.exportName);
     if (!IsValidLoader())
@@ -22,7 +24,12 @@ uint32_t RunRequest(const RequestKind& kind, int32_t length, const char* request
         LOGA(LOG_ERROR, kind.invalidFormat, kind.exportName, text.c_str());
         return RESULT_INVALID_REQUEST;
     }
-    uint32_t result = kind.handle(parsed.Document());
+    uint32_t result = RESULT_FAILED;
+    try {
+        result = kind.handle(parsed.Document());
+    } catch (const std::exception& error) { // a file-system error of the uninstall, say
+        LOGA(LOG_ERROR, "%s - Unexpected exception: %s", kind.exportName, error.what());
+    }
     LOGA(LOG_INFO, "%s - <<< %s", kind.exportName, kind.exportName);
     return result;
 }

@@ -48,12 +48,8 @@ bool AgentFolder(const wchar_t* self, std::wstring& folder) {
         LOGW(LOG_ERROR, L"%s - Unable to get CRVL install path.", self);
         return false;
     }
-    folder = installPath + kAgentFolderFromInstallPath;
+    folder = TarnAgentFolder(installPath);
     return true;
-}
-
-std::wstring AgentExecutable(const std::wstring& folder) {
-    return folder + L"\\" + kAgentExecutable;
 }
 
 std::wstring FullPath(const wchar_t* self, const std::wstring& path) {
@@ -89,6 +85,14 @@ int32_t DeleteAgentFolder(const wchar_t* self, const std::wstring& folder) {
 }
 
 } // namespace
+
+std::wstring TarnAgentFolder(const std::wstring& installPath) {
+    return installPath + kAgentFolderFromInstallPath;
+}
+
+std::wstring TarnAgentExecutable(const std::wstring& folder) {
+    return folder + L"\\" + kAgentExecutable;
+}
 
 bool QueryTarnStatus(SC_HANDLE service, SERVICE_STATUS_PROCESS& status) {
     DWORD needed = 0;
@@ -270,7 +274,7 @@ int32_t InstallTarn(std::string archivePath) {
         return -1;
     }
     uint32_t exitCode = 0;
-    if (LaunchCmd(AgentExecutable(folder).c_str(), L"-install", nullptr, &exitCode))
+    if (LaunchCmd(TarnAgentExecutable(folder).c_str(), L"-install", nullptr, &exitCode))
         return 0;
     int32_t code = static_cast<int32_t>(exitCode);
     if (code == kInstalledRebootRequired) {
@@ -309,7 +313,7 @@ int32_t UninstallTarn() {
     }
     LOGW(LOG_DETAIL, L"%s - Tarn Agent service exists. Uninstall...", self);
     uint32_t exitCode = 0;
-    if (!LaunchCmd(AgentExecutable(folder).c_str(), L"-delete", nullptr, &exitCode)) {
+    if (!LaunchCmd(TarnAgentExecutable(folder).c_str(), L"-delete", nullptr, &exitCode)) {
         if (exitCode != 0)
             LOGW(LOG_ERROR, L"%s - Unable to complete uninstall command. ret=%d", self,
                  static_cast<int>(exitCode));

@@ -8,6 +8,12 @@
 
 extern const wchar_t kTarnServiceName[]; // "TarnAgent"
 
+// The agent's folder beside the parent product's: `installPath` (ending in a
+// backslash) + "..\iService\Tarn", not normalised.
+std::wstring TarnAgentFolder(const std::wstring& installPath);
+// `folder` + "\\TarnAgent.exe".
+std::wstring TarnAgentExecutable(const std::wstring& folder);
+
 // Waits while the service stays in `state`: 0 once it has left it, the system
 // error of a failed query, or -1 after dwWaitHint ms without a new check point.
 // `status` must be fresh on entry and holds the last status read on return.

@@ -236,3 +236,27 @@ int32_t ClearDriverConfig() {
     LogResponse(self, response);
     return 0;
 }
+
+int32_t CallTarnAgent(const wchar_t* self, const AgentCallTexts& texts,
+                      const std::function<int32_t()>& command, bool* pipeFailed) {
+    constexpr int kAttempts = 2;
+    if (pipeFailed)
+        *pipeFailed = false;
+    int32_t result = -1;
+    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+        LOGW(LOG_DETAIL, texts.attempt, self, attempt);
+        if (!TarnPipeClient() && InitTarnPipeClient() != 0) {
+            LOGW(LOG_ERROR, texts.pipeFails, self);
+            if (pipeFailed)
+                *pipeFailed = true;
+            return -1;
+        }
+        result = command();
+        if (result == 0)
+            return 0;
+        if (texts.attemptFails)
+            LOGW(LOG_ERROR, texts.attemptFails, self, static_cast<int>(result));
+        DeInitTarnPipeClient();
+    }
+    return result;
+}

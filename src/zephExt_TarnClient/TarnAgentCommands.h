@@ -6,6 +6,7 @@
 #include "TarnAgentProtocol.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 // The identifier of the latest command: 0 at load, never reset.
@@ -23,3 +24,17 @@ int32_t SendSelfProtectionStatus(std::string statusJson);
 int32_t StopTarn();
 // The agent's non-zero dwTxRetCode comes back unchanged.
 int32_t ClearDriverConfig();
+
+// What a caller logs while it gives the agent a command.
+struct AgentCallTexts {
+    const wchar_t* attempt;      // before each attempt, with its number from 1
+    const wchar_t* pipeFails;    // when the pipe cannot be connected; ends the attempts
+    const wchar_t* attemptFails; // after each failed attempt, with its result; may be null
+};
+
+// Up to two attempts, without a pause: connect the pipe when there is no
+// client, give the command, drop the client after a failure. Answers the last
+// attempt's result, or -1 with `pipeFailed` set when the pipe could not be
+// connected.
+int32_t CallTarnAgent(const wchar_t* self, const AgentCallTexts& texts,
+                      const std::function<int32_t()>& command, bool* pipeFailed = nullptr);

@@ -1,0 +1,332 @@
+// Commands and notifications through the real exports: zephhost.exe loads the
+// DLL in a fresh process per script, with the agent, host library and HTTP
+// library doubles on the far ends.
+#include "AgentControlFixture.h"
+#include "QvsockDouble.h"
+
+#include <fstream>
+
+namespace {
+
+const std::string P = "[zephExt_TarnClient][zephhost.exe]";
+const wchar_t kAgentKey[] = L"SOFTWARE\\Quorvane\\TarnAgent";
+const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+const std::wstring kIniFile = std::wstring(AgentDouble::kClientFolder) + L"\\config\\tn_agent.ini";
+
+std::string Command(const std::string& id, const std::string& data) {
+    return "command {\"command_id\":\"" + id +
+           "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"command_data\":" + data + "}";
+}
+std::string Service(const std::string& type) {
+    return Command("ZEPH_ONCOMMAND_IAGT_SERVICE", "{\"command_type\":\"" + type + "\"}");
+}
+std::string Install() {
+    std::string folder = Narrow(BinDir()); // ends in a backslash, as the host gives it
+    std::string escaped;
+    for (char c : folder)
+        escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
+    return Command("ZEPH_ONCOMMAND_INSTALLATION",
+                   "{\"command_type\":\"ZEPH_IAGENT_INSTALL\",\"PkgPath\":\"" + escaped + "\"}");
+}
+std::string Uninstall() {
+    return Command("ZEPH_ONCOMMAND_INSTALLATION", "{\"command_type\":\"ZEPH_IAGENT_UNINSTALL\"}");
+}
+std::string Policy(int flag) {
+    return Command("ZEPH_ONCOMMAND_IAGENT_POLICY",
+                   "{\"command_type\":\"ZEPH_IAGENT_ISSUE_POLICY\",\"cfg_flag\":" +
+                       std::to_string(flag) + "}");
+}
+std::string SelfProtection(int service) {
+    return "notify {\"notify_id\":\"ZEPH_ONNOTIFY_ADMIN_CFG_CHANGE\",\"product_id\":"
+           "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SELF_PROTECTION\","
+           "\"notify_content\":{\"enable\":{\"service\":" +
+           std::to_string(service) + "}}}}";
+}
+std::string MoveClient() {
+    return "notify {\"notify_id\":\"ZEPH_ONNOTIFY_CONTEXT_CHANGE\",\"product_id\":"
+           "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SERVER_INFO\"}}";
+}
+
+// What the server double heard: notify type, result and command text of each call.
+std::string ServerCall(int notifyType, int32_t result, const std::string& commandText) {
+    return "{\"name\":\"NotifyResult\",\"notifyType\":" + std::to_string(notifyType) +
+           ",\"result\":" + std::to_string(result) + "}|Tarn+" + commandText;
+}
+Lines ServerCalls() {
+    Lines calls;
+    for (const std::string& line : QvsockDouble::Journal()) {
+        std::vector<std::string> fields;
+        size_t start = 0;
+        for (size_t bar; (bar = line.find('|', start)) != std::string::npos; start = bar + 1)
+            fields.push_back(line.substr(start, bar - start));
+        fields.push_back(line.substr(start));
+        calls.push_back(fields.size() > 3 ? fields[3] + "|" + fields.back() : line);
+    }
+    return calls;
+}
+std::string PolicyResult(const char* action, int32_t statusCode) {
+    return ServerCall(action[0] == 'E' ? 0 : 1, statusCode,
+                      std::string("ZEPH_ONCOMMAND_IAGENT_POLICY+") + action +
+                          "+Result=" + std::to_string(statusCode));
+}
+
+DWORD ServiceStatusValue() {
+    DWORD value = 0xFFFFFFFF;
+    TestBedRegistry::ReadDword(kAgentKey, L"ServiceStatus", value);
+    return value;
+}
+
+std::string IniEnabled() {
+    wchar_t value[16] = {};
+    GetPrivateProfileStringW(L"Policy", L"Enabled", L"absent", value, 16, kIniFile.c_str());
+    return Narrow(value);
+}
+
+class CommandExportTest : public AgentControlTest {
+  protected:
+    void SetUp() override {
+        AgentControlTest::SetUp();
+        QvsockDouble::Remove();
+        TestBedRegistry::DeleteTree(kAgentKey);
+    }
+    void TearDown() override {
+        QvsockDouble::Remove();
+        TestBedRegistry::DeleteTree(kAgentKey);
+        TestBedRegistry::DeleteTree((std::wstring(kProductKey) + L"\\LumenfieldPolicy").c_str());
+        AgentControlTest::TearDown();
+    }
+
+    // Runs the calls in one zephhost.exe process; answers each export's result
+    // ("zephExt_OnCommand -> 0", ...) in order.
+    static Lines Host(const Lines& calls) {
+        char temp[MAX_PATH];
+        GetTempPathA(MAX_PATH, temp);
+        std::string script = std::string(temp) + "zephhost_commands.txt";
+        std::ofstream file(script, std::ios::binary);
+        for (const std::string& call : calls)
+            file << call << "\n";
+        file.close();
+        ProcessResult run =
+            RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"--script",
+                        Widen(script)},
+                       180000);
+        EXPECT_FALSE(run.timedOut);
+        Lines results;
+        for (const std::string& line : SplitLines(run.output))
+            if (line.rfind("zephExt_On", 0) == 0)
+                results.push_back(line);
+        return results;
+    }
+    static std::string Result(const char* exportName, uint32_t result) {
+        return std::string(exportName) + " -> " + std::to_string(result);
+    }
+    static std::string CommandResult(uint32_t result) {
+        return Result("zephExt_OnCommand", result);
+    }
+    // The complaints of the plug-in, without the host's prefix.
+    Lines PluginComplaints() {
+        Lines lines;
+        for (std::string line : Complaints(Logged())) {
+            size_t prefix = line.find(P);
+            if (prefix != std::string::npos)
+                line.erase(prefix, P.size());
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    static void MakeConfigFolder() {
+        ASSERT_TRUE(CreateFolderTree(std::wstring(AgentDouble::kClientFolder) + L"\\config"));
+    }
+};
+
+TEST_F(CommandExportTest, StartAndStopRecordTheServiceStatus) {
+    InstallAgent();
+    EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_START")}), Lines{CommandResult(0)});
+    EXPECT_EQ(ServiceStatusValue(), 1u);
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
+    Logged();
+
+    EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_STOP")}), Lines{CommandResult(0)});
+    EXPECT_EQ(ServiceStatusValue(), 0u);
+    std::vector<std::string> frames = AgentDouble::ReceivedFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].substr(4, 8), std::string("\3\0\0\0\1\0\0\0", 8)) << "stop, identifier 1";
+    Logged();
+
+    // A stopped agent serves no pipe: one attempt, no retry, and a failed stop.
+    EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_STOP")}), Lines{CommandResult(1)});
+    Lines log = Logged();
+    EXPECT_TRUE(Contains(log, "D " + P +
+                                  "HandleCommand - Trying send stop Tarn agent command the 1 "
+                                  "time(s)..."));
+    EXPECT_FALSE(Contains(log, "D " + P +
+                                   "HandleCommand - Trying send stop Tarn agent command the 2 "
+                                   "time(s)..."));
+    EXPECT_TRUE(Contains(log, "E " + P + "HandleCommand - Unable to init pipe."));
+    EXPECT_TRUE(
+        Contains(log, "E " + P + "HandleCommand - Unable to stop Tarn agent service. ret=-1"));
+}
+
+// A failing enable right after the install shows the status code the install
+// left behind: it is what the server hears.
+TEST_F(CommandExportTest, InstallResultsLeaveTheirStatusCode) {
+    struct Case {
+        DWORD installExitCode;
+        uint32_t result;
+        bool reboot;
+        int32_t statusSent;
+    };
+    const Case cases[] = {
+        {0, 0, false, 201512001},    {0xFFFFFF92, 0, true, 101}, {0xFFFFFF91, 1, true, 101},
+        {0xFFFFFF98, 1, false, 112}, {130, 1, false, 130},       {201512009, 1, false, 201512009},
+        {1603, 1, false, 201512001},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(static_cast<int32_t>(c.installExitCode));
+        AgentDouble::Remove();
+        QvsockDouble::ClearJournal();
+        SimulatedInstall::ClearHostJournal();
+        AgentDouble::Behaviour behaviour;
+        behaviour.installExitCode = c.installExitCode;
+        behaviour.startExitCode = 1064; // the enable after it fails
+        ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
+        EXPECT_EQ(Host({Install(), Policy(1)}), (Lines{CommandResult(c.result), CommandResult(0)}));
+        EXPECT_EQ(AgentDouble::Journal().at(0), "install");
+        Lines hostCalls = SimulatedInstall::HostJournal();
+        EXPECT_EQ(
+            std::any_of(hostCalls.begin(), hostCalls.end(),
+                        [](const std::string& call) { return call.rfind("SystemCall", 0) == 0; }),
+            c.reboot);
+        EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Enable", c.statusSent)});
+        Logged();
+    }
+}
+
+TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent) {
+    RunAgent({});
+    EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
+    std::vector<std::string> frames = AgentDouble::ReceivedFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].substr(36), "{\"service\":0}");
+    EXPECT_EQ(AgentDouble::State(), 0u);
+    EXPECT_FALSE(ClientFolderExists());
+
+    AgentDouble::Remove();
+    InstallAgent();
+    EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
+    EXPECT_TRUE(AgentDouble::ReceivedFrames().empty());
+    EXPECT_FALSE(ClientFolderExists());
+}
+
+TEST_F(CommandExportTest, PolicyFlagsWithoutARunningAgent) {
+    struct Case {
+        int flag;
+        uint32_t result;
+        std::string enabled;
+        Lines serverCalls;
+    };
+    const Case cases[] = {
+        {0, 1, "absent", {}},
+        {3, 1, "absent", {}},
+        {5, 1, "absent", {}},
+        {4, 0, "1", {}},                                // ignored, yet written as enabled
+        {2, 0, "absent", {PolicyResult("Disable", 0)}}, // no agent: nothing to stop
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.flag);
+        QvsockDouble::ClearJournal();
+        DeleteFileW(kIniFile.c_str());
+        MakeConfigFolder();
+        EXPECT_EQ(Host({Policy(c.flag)}), Lines{CommandResult(c.result)});
+        EXPECT_EQ(IniEnabled(), c.enabled);
+        EXPECT_EQ(ServerCalls(), c.serverCalls);
+        Lines complaints = PluginComplaints();
+        if (c.result != 0) {
+            EXPECT_EQ(complaints, (Lines{"E handleNotifyFlag - Unknown flag.",
+                                         "E HandleCommand - Unable to handle notify flag: " +
+                                             std::to_string(c.flag)}));
+        }
+    }
+}
+
+TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
+    RunAgent({});
+    MakeConfigFolder();
+    EXPECT_EQ(Host({Policy(1), Policy(2)}), (Lines{CommandResult(0), CommandResult(0)}));
+    std::vector<std::string> frames = AgentDouble::ReceivedFrames();
+    ASSERT_EQ(frames.size(), 3u);
+    // notify, clear driver configuration, stop: identifiers 1 to 3
+    EXPECT_EQ(frames[0].substr(4, 8), std::string("\1\0\0\0\1\0\0\0", 8));
+    EXPECT_EQ(frames[1].substr(4, 8), std::string("\x69\0\0\0\2\0\0\0", 8));
+    EXPECT_EQ(frames[2].substr(4, 8), std::string("\3\0\0\0\3\0\0\0", 8));
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    EXPECT_EQ(ServiceStatusValue(), 0u);
+    EXPECT_EQ(IniEnabled(), "0");
+    EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Disable", 0)})
+        << "a successful enable is not sent";
+    EXPECT_EQ(PluginComplaints(), Lines{"W StartTarn - The service is alreay running. Skip "
+                                        "further steps. Current state: 4"});
+}
+
+TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
+    AgentDouble::Behaviour refusing;
+    refusing.answerRetCode = 7; // the agent refuses to clear its driver configuration
+    RunAgent(refusing);
+    EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
+    EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Disable", 201512002)});
+    EXPECT_EQ(
+        PluginComplaints(),
+        (Lines{"E ClearDriverConfig - clearConfig - return code in ResponseCommand is failed. (7)",
+               "E handleNotifyFlag - Fail to clear driver config. ret=7",
+               "E ClearDriverConfig - clearConfig - return code in ResponseCommand is failed. (7)",
+               "E handleNotifyFlag - Fail to clear driver config. ret=7",
+               "E handleNotifyFlag - Unable to clear driver config. ret=7"}));
+
+    // Opted in to the cloud console's policy: nothing is sent, its copy goes.
+    QvsockDouble::ClearJournal();
+    std::wstring policyFile = std::wstring(SimulatedInstall::kFolder) + L"policy.dat";
+    std::ofstream(Narrow(policyFile)) << "policy";
+    ASSERT_TRUE(TestBedRegistry::WriteDword(
+        (std::wstring(kProductKey) + L"\\LumenfieldPolicy").c_str(), L"LFPolicyOptIn", 1));
+    ASSERT_TRUE(TestBedRegistry::WriteText(
+        (std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN").c_str(), L"PolicyData",
+        policyFile));
+    EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
+    EXPECT_TRUE(ServerCalls().empty());
+    EXPECT_EQ(GetFileAttributesW(policyFile.c_str()), INVALID_FILE_ATTRIBUTES);
+    std::wstring policyData = L"unread";
+    TestBedRegistry::ReadText((std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN").c_str(),
+                              L"PolicyData", policyData);
+    EXPECT_EQ(policyData, L"");
+}
+
+TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
+    RunAgent({});
+    EXPECT_EQ(Host({SelfProtection(1), MoveClient()}),
+              (Lines{Result("zephExt_OnNotify", 0), Result("zephExt_OnNotify", 0)}));
+    std::vector<std::string> frames = AgentDouble::ReceivedFrames();
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].substr(36), "{\"service\":1}");
+    EXPECT_EQ(ServerCalls(),
+              Lines{ServerCall(3, 0, "ZEPH_ONNOTIFY_CONTEXT_CHANGE+MOVE_CLIENT+Result=0")});
+    Logged();
+
+    // An agent that never answers right gets two tries; a lost server report
+    // does not fail the move notice.
+    AgentDouble::Behaviour garbled;
+    garbled.pipeAnswer = AgentDouble::PipeAnswer::WrongMagic;
+    RunAgent(garbled);
+    QvsockDouble::Behaviour unreachable;
+    unreachable.sendResult = 0;
+    ASSERT_TRUE(QvsockDouble::SetBehaviour(unreachable));
+    EXPECT_EQ(Host({SelfProtection(0), MoveClient()}),
+              (Lines{Result("zephExt_OnNotify", 1), Result("zephExt_OnNotify", 0)}));
+    EXPECT_EQ(AgentDouble::ReceivedFrames().size(), 3u);
+    Lines complaints = PluginComplaints();
+    EXPECT_TRUE(
+        Contains(complaints, "E HandleNotify - Unable to send self protection status. ret=-1"));
+    EXPECT_TRUE(
+        Contains(complaints, "E HandleNotify - Unable to send NotifyResult for move client"));
+}
+
+} // namespace
