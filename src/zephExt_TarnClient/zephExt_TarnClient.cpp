@@ -131,11 +131,4 @@ uint32_t zephExt_Rollback(void* /*unused*/, void* /*context*/) {
     return PendingUpdateStage("zephExt_Rollback");
 }
 
-uint32_t zephExt_ParseLog(const wchar_t* /*logFilePath*/, uint32_t /*typeBufferSize*/,
-                          wchar_t* /*typeBuffer*/, char** /*data*/, uint32_t* /*dataSize*/) {
-    if (!IsValidLoader())
-        return RESULT_PARSELOG_FAILED;
-    return NotAvailableYet("zephExt_ParseLog", RESULT_PARSELOG_FAILED);
-}
-
 } // extern "C"
