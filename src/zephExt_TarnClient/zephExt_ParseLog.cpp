@@ -3,13 +3,98 @@
 #include "DebugLog.h"
 #include "ResultCodes.h"
 #include "ZephIntegration.h"
+#include "eventLogValidation.h"
 
-// The detection log is read and checked by a later change.
-extern "C" uint32_t zephExt_ParseLog(const wchar_t* /*logFilePath*/, uint32_t /*typeBufferSize*/,
-                                     wchar_t* /*typeBuffer*/, char** /*data*/,
-                                     uint32_t* /*dataSize*/) {
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char kSelf[] = "zephExt_ParseLog";
+const wchar_t kLogType[] = L"ZEPH_IPRODUCT_DETECTION_LOG";
+
+void RemoveLogFile(const wchar_t* path) {
+    if (_wremove(path) != 0)
+        LOGA(LOG_ERROR, "%s - _wremove error: %d", kSelf, static_cast<int>(GetLastError()));
+}
+
+// "%s" into a buffer of `capacity` characters: cut to fit, always terminated.
+void CopyTruncated(wchar_t* buffer, uint32_t capacity, const wchar_t* text) {
+    if (!buffer || capacity == 0)
+        return;
+    size_t length = wcsnlen(text, capacity - 1);
+    wmemcpy(buffer, text, length);
+    buffer[length] = L'\0';
+}
+
+} // namespace
+
+extern "C" uint32_t zephExt_ParseLog(const wchar_t* logFilePath, uint32_t typeBufferSize,
+                                     wchar_t* typeBuffer, char** data, uint32_t* dataSize) {
     if (!IsValidLoader())
         return RESULT_PARSELOG_FAILED;
-    LOGA(LOG_ERROR, "%s - Not available in this build.", "zephExt_ParseLog");
-    return RESULT_PARSELOG_FAILED;
+
+    std::string line;
+    std::vector<std::string> fields;
+    bool empty = false;
+    std::ifstream file;
+    // Only a failing read throws; an empty file just sets the fail bit.
+    file.exceptions(std::ios_base::badbit);
+    try {
+        file.open(std::filesystem::path(logFilePath));
+        if (!file.is_open()) {
+            LOGW(LOG_ERROR, L"%s - Can't open the file: %s", L"zephExt_ParseLog", logFilePath);
+            return RESULT_PARSELOG_FAILED;
+        }
+        if (!std::getline(file, line, '\n')) {
+            LOGA(LOG_ERROR, "%s - Empty file", kSelf);
+            empty = true;
+        } else {
+            fields = splitLogRecord(line);
+        }
+        file.close();
+    } catch (const std::exception& error) {
+        // GCC 12's library throws the stream failure of its older ABI, which a
+        // handler for std::ios_base::failure does not catch; both are
+        // std::exception.
+        const char* what = error.what();
+        LOGA(LOG_ERROR, "%s - Read file error: %s", kSelf,
+             what && *what ? what : "Unknown exception");
+        return RESULT_PARSELOG_FAILED; // the stream closes the file
+    }
+
+    if (empty) {
+        RemoveLogFile(logFilePath);
+        return RESULT_PARSELOG_INVALID;
+    }
+    if (!verifyLog(fields)) {
+        LOGA(LOG_ERROR, "%s - Invalid detection log.", kSelf);
+        RemoveLogFile(logFilePath);
+        return RESULT_PARSELOG_INVALID;
+    }
+
+    // Handed to the host, which gives it back through zephExt_Free. Copied as
+    // "%s": a NUL inside an unchecked field ends the text, the rest stays 0.
+    size_t size = line.size() + 1;
+    char* copy = static_cast<char*>(std::malloc(size));
+    if (!copy)
+        return RESULT_PARSELOG_FAILED;
+    std::memset(copy, 0, size);
+    std::memcpy(copy, line.c_str(), std::strlen(line.c_str()));
+    CopyTruncated(typeBuffer, typeBufferSize, kLogType);
+    if (data)
+        *data = copy;
+    else
+        std::free(copy);
+    if (dataSize)
+        *dataSize = static_cast<uint32_t>(size);
+    return RESULT_SUCCESS;
 }

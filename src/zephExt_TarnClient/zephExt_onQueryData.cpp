@@ -11,7 +11,9 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace {
@@ -88,15 +90,19 @@ extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const
     }
 
     std::string text = ResponseText(queryId, resultCode, resultData);
-    // Handed to the host, which gives it back through zephExt_Free.
-    char* buffer = new char[text.size() + 1];
+    // Handed to the host, which gives it back through zephExt_Free. Taken from
+    // the C run time's allocator like the detection-log copy, so one release
+    // fits both; running out of memory stays fatal.
+    char* buffer = static_cast<char*>(std::malloc(text.size() + 1));
+    if (!buffer)
+        throw std::bad_alloc();
     memcpy(buffer, text.c_str(), text.size() + 1);
     LOGA(LOG_DETAIL, "%s - Response: %s", self, buffer);
     if (response && responseLength) {
         *response = buffer;
         *responseLength = static_cast<uint32_t>(text.size() + 1);
     } else {
-        delete[] buffer;
+        std::free(buffer);
     }
     return RESULT_SUCCESS;
 }
@@ -104,6 +110,6 @@ extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const
 extern "C" uint32_t zephExt_Free(void* buffer) {
     if (!IsValidLoader())
         return RESULT_GENERIC_FAILURE;
-    delete[] static_cast<char*>(buffer);
+    std::free(buffer);
     return RESULT_SUCCESS;
 }

@@ -1,0 +1,415 @@
+// Detection records: the field rules, verifyLog's one message per failing
+// field, and zephExt_ParseLog on real files of the Wine prefix.
+#include "LogCapture.h"
+#include "ResultCodes.h"
+#include "ScopedHandle.h"
+#include "ZephIntegration.h"
+#include "eventLogValidation.h"
+#include "zephExt_TarnClient.h"
+
+#include <fstream>
+
+namespace {
+
+using Fields = std::vector<std::string>;
+
+// Every field filled and valid; positions count from 1 in the tables below.
+Fields ShortRecord() {
+    return {"f",
+            "0",
+            "1",
+            "00:1A:2B:3C:4D:5E",
+            "IP",
+            "00-1A-2B-3C-4D-5F",
+            "00 1A 2B 3C 4D 60",
+            "TCP",
+            "SYN ACK",
+            "192.168.0.1",
+            "49152",
+            "fe80::1",
+            "443",
+            "60",
+            "-1",
+            "0",
+            "4294967295",
+            "3",
+            "0x4e6f7465",
+            "0",
+            "100",
+            "7",
+            "12",
+            "0",
+            "0x474554",
+            "",
+            "1",
+            "1700000000",
+            "1699999999"};
+}
+
+// The long form: positions 27, 28 and 30 to 32 are never checked.
+Fields LongRecord() {
+    Fields fields = ShortRecord();
+    fields.insert(fields.begin() + 26,
+                  {"any", "text,here", "6e6f74657061642e657865", "", "x", "-"});
+    return fields;
+}
+
+std::string Join(const Fields& fields) {
+    std::string line;
+    for (size_t i = 0; i < fields.size(); ++i)
+        line += (i ? ", " : "") + fields[i];
+    return line;
+}
+
+TEST(EventFieldRuleTest, NumbersHaveAWidthASignAndNoLeadingZeros) {
+    const struct {
+        const char* text;
+        unsigned bits;
+        bool isSigned;
+        bool valid;
+    } cases[] = {
+        {"0", 16, false, true},
+        {"0", 16, true, true},
+        {"00", 16, false, false},
+        {"007", 32, false, false},
+        {"", 32, false, false},
+        {"-1", 32, false, false},
+        {"-0", 16, false, false},
+        {"+1", 16, false, false},
+        {"1 2", 32, false, false},
+        {"12a", 32, false, false},
+        {"255", 8, false, true},
+        {"256", 8, false, false},
+        {"65535", 16, false, true},
+        {"65536", 16, false, false},
+        {"4294967295", 32, false, true},
+        {"4294967296", 32, false, false},
+        {"18446744073709551615", 64, false, true},
+        {"18446744073709551616", 64, false, false},
+        {"32767", 16, true, true},
+        {"32768", 16, true, false},
+        {"-32767", 16, true, true},
+        {"-32768", 16, true, false},
+        {"-", 16, true, true},
+        {"-0", 16, true, true},
+        {"--1", 16, true, false},
+        {"9223372036854775807", 64, true, true},
+        {"-9223372036854775808", 64, true, false},
+        {"-99999999999999999999999", 16, true, false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(isValidNumber(c.text, c.bits, c.isSigned), c.valid)
+            << c.text << " " << c.bits << (c.isSigned ? " signed" : " unsigned");
+}
+
+TEST(EventFieldRuleTest, TextRulesAcceptTheirFormsOnly) {
+    const struct {
+        bool (*rule)(const std::string&);
+        const char* name;
+        std::vector<const char*> valid;
+        std::vector<const char*> invalid;
+    } cases[] = {
+        {isValidHexText,
+         "hex",
+         {"0x", "0X1f", "abcDEF0123", "0"},
+         {"", "x1", "0xg", "0x0x1", "1 2"}},
+        {isValidMac,
+         "MAC",
+         {"00:1A:2B:3C:4D:5E", "00-1a-2b-3c-4d-5e", "00 1A 2B 3C 4D 5E", "0x:1A:2B:3C:4D:5E"},
+         {"00:1A:2B:3C:4D", "00:1A:2B:3C:4D:5E:6F", "00:1A:2B:3C:4D:5", "00:1A-2B:3C:4D:5E",
+          "00 1A:2B 3C 4D 5E", "0g:1A:2B:3C:4D:5E", "001A2B3C4D5E"}},
+        {isValidFrameType,
+         "frame type",
+         {"IP", "ARP", "RevARP", "NetBEUI", "IPv6", "0x0800", "86DD", "0XFFFF", "0x"},
+         {"ipv6", "0x10000", "10000", "IPX", ""}},
+        {isValidProtocol,
+         "protocol",
+         {"ICMP", "IGMP", "GGP", "TCP", "PUP", "UDP", "ICMPv6", "IDP", "ND", "17", "0", "255"},
+         {"tcp", "256", "017", "-1", ""}},
+        {isValidFlags,
+         "flags",
+         {"SYN ACK DF=1 FragOffs=0 IPTotalLen=60", "CWR ECE URG PSH RST FIN MF=0 DF=0 MF=1",
+          "Type:8 Code:0", "IPTotalLen=65535", "Code:255"},
+         {"SYN  ACK", "Foo=1", "DF=2", "Type=8", "SYN ", "FragOffs=", "IPTotalLen=65536",
+          "Type:256", "Code:", "Type:1:2", "a=b=c", "syn", ""}},
+        {isValidIp,
+         "IP",
+         {"192.168.0.1", "0.0.0.0", "255.255.255.255", "1a.0.0.1", "::1", "fe80::1",
+          "fe80::", "fe80:1", "1:2:3:4:5:6:7:8", "abcd:ef01::1"},
+         {"192.168.0.01", "1.2.3", "1.2.3.4.5", "1.2.3.4.", "256.0.0.1", "1.2.3.-4", "1..2.3",
+          "12345::1", "::", "1::2::3", "fe80::g", "1:2:3:4:5:6:7:8:9",
+          "1:2:3:4:5:6:7:8:", "12345:1", "localhost", "fe80:", ""}},
+    };
+    for (const auto& c : cases) {
+        for (const char* text : c.valid)
+            EXPECT_TRUE(c.rule(text)) << c.name << ": " << text;
+        for (const char* text : c.invalid)
+            EXPECT_FALSE(c.rule(text)) << c.name << ": " << text;
+    }
+}
+
+TEST(EventFieldRuleTest, RecordSplitsAtCommaSpaceKeepingEmptyFields) {
+    const struct {
+        const char* line;
+        Fields fields;
+    } cases[] = {
+        {"a, b", {"a", "b"}},
+        {"a, , b", {"a", "", "b"}},
+        {"a, ", {"a", ""}},
+        {"abc", {"abc"}},
+        {"", {""}},
+        {"a,b", {"a,b"}},
+        {", , ", {"", "", ""}},
+        {"a,  b", {"a", " b"}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(splitLogRecord(c.line), c.fields) << c.line;
+}
+
+class VerifyLogTest : public LogCaptureTest {};
+
+TEST_F(VerifyLogTest, TheFirstFailingFieldIsNamed) {
+    const struct {
+        Fields record;
+        std::vector<std::pair<size_t, std::string>> edits; // position, new text
+        std::string failing;                               // "" when the record passes
+    } cases[] = {
+        {ShortRecord(), {}, ""},
+        {LongRecord(), {}, ""},
+        // Optional fields may be empty, checked fields are trimmed first.
+        {ShortRecord(),
+         {{4, ""},  {5, " "}, {6, ""},  {7, ""},   {8, ""},   {9, ""},   {10, ""},
+          {11, ""}, {12, ""}, {13, ""}, {14, "0"}, {15, "0"}, {17, "0"}, {18, "0"},
+          {19, ""}, {24, ""}, {25, ""}, {27, "0"}, {28, "0"}, {29, "0"}},
+         ""},
+        {ShortRecord(), {{2, " 1\t"}, {11, "\r80 "}, {29, "\n18446744073709551615"}}, ""},
+        {LongRecord(), {{29, ""}, {27, "00"}, {32, "Foo=1"}}, ""},
+        {ShortRecord(), {{1, "F"}}, "IsPacketEvent"},
+        {ShortRecord(), {{2, "2"}}, "Direction"},
+        {ShortRecord(), {{3, "00"}}, "Forward"},
+        {ShortRecord(), {{4, "00:1A"}}, "Interface"},
+        {ShortRecord(), {{5, "0x10000"}}, "Frame Type"},
+        {ShortRecord(), {{6, "zz:1A:2B:3C:4D:5E"}}, "Source MAC"},
+        {ShortRecord(), {{7, "x"}}, "Destination MAC"},
+        {ShortRecord(), {{8, "tcp"}}, "Protocol"},
+        {ShortRecord(), {{9, "SYN  ACK"}}, "Flags"},
+        {ShortRecord(), {{10, "192.168.0.01"}}, "Source IP"},
+        {ShortRecord(), {{11, "65536"}}, "Source Port"},
+        {ShortRecord(), {{12, "1.2.3"}}, "Destination IP"},
+        {ShortRecord(), {{13, "-1"}}, "Destination Port"},
+        {ShortRecord(), {{14, " "}}, "Packet Size"},
+        {ShortRecord(), {{15, "-32768"}}, "Action"},
+        {ShortRecord(), {{16, "32768"}}, "Status"},
+        {ShortRecord(), {{17, "4294967296"}}, "Filter_id"},
+        {ShortRecord(), {{18, "007"}}, "Adapter_id"},
+        {ShortRecord(), {{19, "0xg"}}, "Note"},
+        {ShortRecord(), {{20, "65536"}}, "Data position"},
+        {ShortRecord(), {{21, "-0"}}, "Data position in stream"},
+        {ShortRecord(), {{22, "1 2"}}, "Varius flags"},
+        {ShortRecord(), {{23, "65536"}}, "Loggin Policy ID"},
+        {ShortRecord(), {{24, "65536"}}, "Payload data index"},
+        {ShortRecord(), {{25, "GET"}}, "Payload"},
+        {ShortRecord(), {{26, "0x0x"}}, "Note2"},
+        {LongRecord(), {{29, "notepad.exe"}}, "Process Name"},
+        {ShortRecord(), {{27, "4294967296"}}, "Repeat Count"},
+        {LongRecord(), {{34, "18446744073709551616"}}, "Last Seen Time"},
+        {ShortRecord(), {{29, ""}}, "First Seen Time"},
+        // Checking stops at the first bad field.
+        {ShortRecord(), {{2, "x"}, {9, "x"}, {29, "x"}}, "Direction"},
+        {LongRecord(), {{26, "x"}, {29, "x"}}, "Note2"},
+    };
+    for (const auto& c : cases) {
+        Fields fields = c.record;
+        for (const auto& edit : c.edits)
+            fields[edit.first - 1] = edit.second;
+        EXPECT_EQ(verifyLog(fields), c.failing.empty()) << Join(fields);
+        Lines expected;
+        if (!c.failing.empty())
+            expected.push_back("E verifyLog - '" + c.failing + "' invalid format");
+        EXPECT_EQ(Logged(), expected) << Join(fields);
+    }
+}
+
+TEST_F(VerifyLogTest, OnlyTheShortAndLongFormsAreRecords) {
+    for (size_t count : {0, 1, 28, 30, 34, 36}) {
+        Fields fields = LongRecord();
+        fields.resize(count, "0");
+        EXPECT_FALSE(verifyLog(fields)) << count;
+        EXPECT_EQ(Logged(), Lines{"E verifyLog - Invalid format"}) << count;
+    }
+}
+
+class ParseLogTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        SimulatedInstall::Remove();
+        ASSERT_TRUE(SimulatedInstall::Create());
+    }
+    void TearDown() override { SimulatedInstall::Remove(); }
+
+    static std::wstring Write(const std::string& content) {
+        std::wstring path = std::wstring(SimulatedInstall::kFolder) + L"detection.log";
+        std::ofstream(path.c_str(), std::ios::binary) << content;
+        return path;
+    }
+    static bool Exists(const std::wstring& path) {
+        return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    }
+
+    // One call with the host's buffers pre-filled, so untouched ones show.
+    struct Call {
+        uint32_t result = 0;
+        std::wstring type; // the whole buffer, up to its first NUL
+        std::string data;  // "(none)" when no pointer came back
+        uint32_t dataSize = 0xA5A5A5A5;
+    };
+    static Call Parse(const std::wstring& path, uint32_t typeSize = 64) {
+        std::vector<wchar_t> type(65, L'#');
+        type.back() = L'\0';
+        char* data = nullptr;
+        Call call;
+        call.result = zephExt_ParseLog(path.c_str(), typeSize, type.data(), &data, &call.dataSize);
+        call.type = type.data();
+        call.data = data ? std::string(data, call.dataSize) : "(none)";
+        if (data) {
+            EXPECT_EQ(zephExt_Free(data), 0u);
+        }
+        return call;
+    }
+    static std::wstring Untouched() { return std::wstring(64, L'#'); }
+    static void Bind() { ASSERT_TRUE(IsValidLoader()); }
+};
+
+TEST_F(ParseLogTest, AValidFirstLineIsReturnedAndTheFileKept) {
+    Bind();
+    Logged();
+    const std::string shortLine = Join(ShortRecord());
+    const std::string longLine = Join(LongRecord());
+    const struct {
+        std::string content;
+        std::string line;
+    } cases[] = {
+        {shortLine + "\r\nnot a record\n", shortLine},
+        {longLine, longLine},
+        {longLine + "\n\n", longLine},
+    };
+    for (const auto& c : cases) {
+        std::wstring path = Write(c.content);
+        Call call = Parse(path);
+        EXPECT_EQ(call.result, RESULT_SUCCESS);
+        EXPECT_EQ(call.type, L"ZEPH_IPRODUCT_DETECTION_LOG");
+        EXPECT_EQ(call.data, c.line + '\0');
+        EXPECT_EQ(call.dataSize, c.line.size() + 1);
+        EXPECT_TRUE(Exists(path));
+        EXPECT_EQ(Logged(), Lines{});
+    }
+}
+
+TEST_F(ParseLogTest, TheTypeNameIsCutToTheBufferAndTerminated) {
+    Bind();
+    std::wstring path = Write(Join(ShortRecord()));
+    const struct {
+        uint32_t size;
+        std::wstring type;
+    } cases[] = {
+        {28, L"ZEPH_IPRODUCT_DETECTION_LOG"},
+        {27, L"ZEPH_IPRODUCT_DETECTION_LO"},
+        {5, L"ZEPH"},
+        {1, L""},
+        {0, Untouched()},
+    };
+    for (const auto& c : cases) {
+        Call call = Parse(path, c.size);
+        EXPECT_EQ(call.result, RESULT_SUCCESS) << c.size;
+        EXPECT_EQ(call.type, c.type) << c.size;
+    }
+}
+
+TEST_F(ParseLogTest, EmptyAndInvalidFilesAreDeleted) {
+    Bind();
+    Logged();
+    Fields badProtocol = ShortRecord();
+    badProtocol[7] = "256";
+    const struct {
+        std::string content;
+        Lines logged;
+    } cases[] = {
+        {"", {"E zephExt_ParseLog - Empty file"}},
+        {"\n" + Join(ShortRecord()),
+         {"E verifyLog - Invalid format", "E zephExt_ParseLog - Invalid detection log."}},
+        {Join(Fields(28, "0")) + "\n",
+         {"E verifyLog - Invalid format", "E zephExt_ParseLog - Invalid detection log."}},
+        {Join(badProtocol),
+         {"E verifyLog - 'Protocol' invalid format",
+          "E zephExt_ParseLog - Invalid detection log."}},
+    };
+    for (const auto& c : cases) {
+        std::wstring path = Write(c.content);
+        Call call = Parse(path);
+        EXPECT_EQ(call.result, RESULT_PARSELOG_INVALID);
+        EXPECT_EQ(call.type, Untouched());
+        EXPECT_EQ(call.data, "(none)");
+        EXPECT_EQ(call.dataSize, 0xA5A5A5A5u);
+        EXPECT_FALSE(Exists(path));
+        EXPECT_EQ(Logged(), c.logged);
+    }
+}
+
+TEST_F(ParseLogTest, AFailedDeletionIsLoggedAndKeepsTheResult) {
+    Bind();
+    Logged();
+    std::wstring path = Write("");
+    // Another reader that does not share deletion.
+    ScopedFile reader(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                  OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(reader.IsValid());
+    EXPECT_EQ(Parse(path).result, RESULT_PARSELOG_INVALID);
+    EXPECT_TRUE(Exists(path));
+    EXPECT_EQ(Logged(), (Lines{"E zephExt_ParseLog - Empty file",
+                               "E zephExt_ParseLog - _wremove error: 32"}));
+}
+
+TEST_F(ParseLogTest, AMissingFileFailsAndTouchesNothing) {
+    Bind();
+    Logged();
+    std::wstring missing = std::wstring(SimulatedInstall::kFolder) + L"none.log";
+    Call call = Parse(missing);
+    EXPECT_EQ(call.result, RESULT_PARSELOG_FAILED);
+    EXPECT_EQ(call.type, Untouched());
+    EXPECT_EQ(call.data, "(none)");
+    EXPECT_EQ(Logged(), Lines{"E zephExt_ParseLog - Can't open the file: " + Narrow(missing)});
+}
+
+TEST_F(ParseLogTest, WithoutTheHostNothingIsRead) {
+    SimulatedInstall::RemoveApplicationPath();
+    std::wstring path = Write("");
+    Call call = Parse(path);
+    EXPECT_EQ(call.result, RESULT_PARSELOG_FAILED);
+    EXPECT_EQ(call.type, Untouched());
+    EXPECT_EQ(call.data, "(none)");
+    EXPECT_TRUE(Exists(path));
+    // The binding's refusal, then nothing from the export.
+    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+    EXPECT_EQ(Logged(), (Lines{"E utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
+                                   "\\Application Path', err=2\n",
+                               "E GetCRVLInstallPath - Cannot find value(Application Path) under "
+                               "key(HKEY_LOCAL_MACHINE\\" +
+                                   key + ")",
+                               "E init - Unable to get CRVL install path.",
+                               "E IsValidLoader - Unable to initialize zephAgent dll."}));
+}
+
+// The real DLL in zephhost.exe: the copy goes back through zephExt_Free.
+TEST_F(ParseLogTest, TheHostGetsTheRecordThroughTheDll) {
+    const std::string line = Join(ShortRecord());
+    std::wstring path = Write(line + "\r\n");
+    ProcessResult result = RunProcess(
+        {BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"parselog", path, L"10"});
+    EXPECT_EQ(result.output, "zephExt_ParseLog -> 0\ntype: ZEPH_IPRO\ndata(" +
+                                 std::to_string(line.size() + 1) + "): " + line +
+                                 "\nzephExt_Free -> 0\n");
+    EXPECT_TRUE(Exists(path));
+}
+
+} // namespace
