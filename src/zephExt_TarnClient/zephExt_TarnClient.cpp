@@ -1,6 +1,7 @@
 #include "zephExt_TarnClient.h"
 
 #include "DebugLog.h"
+#include "ExportBoundary.h"
 #include "ResultCodes.h"
 #include "UtilClientInfo.h"
 #include "ZephIntegration.h"
@@ -12,15 +13,6 @@ namespace {
 constexpr uint32_t kPrerequisiteKind = 100;
 const FileVersion kFallbackAgentVersion = {3, 0, 0, 1001};
 
-// Logs the export's entry and binds to the host; false when the export must refuse.
-bool EnterBoundExport(const char* exportName) {
-    LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
-    return IsValidLoader();
-}
-void LogExit(const char* exportName) {
-    LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
-}
-
 // The update context lives on the process heap; null (logged) when there is none.
 HANDLE ProcessHeap(const char* exportName) {
     HANDLE heap = GetProcessHeap();
@@ -30,20 +22,16 @@ HANDLE ProcessHeap(const char* exportName) {
     return heap;
 }
 
-// The export is bound to the host but its work arrives with a later change.
-uint32_t NotAvailableYet(const char* exportName, uint32_t failureCode) {
-    LOGA(LOG_ERROR, "%s - Not available in this build.", exportName);
-    return failureCode;
-}
-
-// An update export: entry line, host binding, then its (pending) work.
-uint32_t PendingUpdateStage(const char* exportName) {
-    if (!EnterBoundExport(exportName))
-        return RESULT_GENERIC_FAILURE;
-    return NotAvailableYet(exportName, RESULT_GENERIC_FAILURE);
-}
-
 } // namespace
+
+bool EnterBoundExport(const char* exportName) {
+    LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
+    return IsValidLoader();
+}
+
+void LogExit(const char* exportName) {
+    LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
+}
 
 extern "C" {
 
@@ -113,22 +101,6 @@ uint32_t zephExt_ReleaseContext(void* context) {
     }
     LogExit(self);
     return RESULT_SUCCESS;
-}
-
-uint32_t zephExt_PreUpdate(void* /*unused*/, void* /*context*/) {
-    return PendingUpdateStage("zephExt_PreUpdate");
-}
-
-uint32_t zephExt_DoUpdate(const ZephUpdateInfo* /*info*/, void* /*context*/) {
-    return PendingUpdateStage("zephExt_DoUpdate");
-}
-
-uint32_t zephExt_PostUpdate(void) {
-    return PendingUpdateStage("zephExt_PostUpdate");
-}
-
-uint32_t zephExt_Rollback(void* /*unused*/, void* /*context*/) {
-    return PendingUpdateStage("zephExt_Rollback");
 }
 
 } // extern "C"

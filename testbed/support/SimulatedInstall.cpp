@@ -30,7 +30,8 @@ namespace SimulatedInstall {
 const wchar_t kFolder[] = L"C:\\ZephTestBed\\Corvale\\";
 
 bool Create(HostLibraryVariant variant, const std::wstring& folder) {
-    if (!CreateFolderTree(folder))
+    // The parent product keeps a Temp folder; the agent update backs up into it.
+    if (!CreateFolderTree(WithTrailingBackslash(folder) + L"Temp"))
         return false;
     std::wstring target = WithTrailingBackslash(folder) + kHostLibraryName;
     if (!CopyFileW(BinPath(HostDoubleFile(variant)).c_str(), target.c_str(), FALSE))

@@ -48,8 +48,9 @@ namespace SimulatedInstall {
 
 extern const wchar_t kFolder[]; // L"C:\\ZephTestBed\\Corvale\\"
 
-// Writes "Application Path" = folder (REG_SZ, as given), creates the folder and
-// copies the chosen host library double into it as "zephAgent_64x.dll".
+// Writes "Application Path" = folder (REG_SZ, as given), creates the folder
+// with its "Temp" folder, copies the chosen host library double into it as
+// "zephAgent_64x.dll" and the HTTP library double as "Qvsock_64x.dll".
 bool Create(HostLibraryVariant variant = HostLibraryVariant::Full,
             const std::wstring& folder = kFolder);
 bool SetApplicationPath(const std::wstring& folder);

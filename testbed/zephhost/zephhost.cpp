@@ -4,6 +4,7 @@
 //
 //   zephhost <dll> <call> [argument [argument]]
 //   zephhost <dll> --script <file>      one "<call> <argument>" per line
+//   zephhost <dll> update <source dir>  the host's update sequence in one process
 #include "TestBed.h"
 
 #include "ScopedHandle.h"
@@ -100,6 +101,7 @@ class Host {
             {"doupdate", &Host::DoUpdate},
             {"postupdate", &Host::PostUpdate},
             {"rollback", &Host::Rollback},
+            {"update", &Host::Update},
             {"parselog", &Host::ParseLog},
         };
         auto found = calls.find(call);
@@ -177,18 +179,40 @@ class Host {
 
     void PreUpdate(const Arguments&) {
         PrintResult("zephExt_PreUpdate", m_exports.zephExt_PreUpdate(nullptr, m_context));
+        PrintCounter();
     }
     void DoUpdate(const Arguments& arguments) {
         ZephUpdateInfo info = {};
         std::wstring sourceDir = Widen(ArgumentAt(arguments, 0));
         wcsncpy(info.sourceDir, sourceDir.c_str(), MAX_PATH - 1);
-        PrintResult("zephExt_DoUpdate", m_exports.zephExt_DoUpdate(&info, m_context));
+        m_lastDoUpdate = m_exports.zephExt_DoUpdate(&info, m_context);
+        PrintResult("zephExt_DoUpdate", m_lastDoUpdate);
+        PrintCounter();
     }
     void PostUpdate(const Arguments&) {
         PrintResult("zephExt_PostUpdate", m_exports.zephExt_PostUpdate());
     }
     void Rollback(const Arguments&) {
         PrintResult("zephExt_Rollback", m_exports.zephExt_Rollback(nullptr, m_context));
+        PrintCounter();
+    }
+    // The host's whole sequence: context, stages, then post-update after a
+    // successful update or rollback after a failed stage, and release.
+    void Update(const Arguments& arguments) {
+        CreateContext(arguments);
+        PreUpdate(arguments);
+        m_lastDoUpdate = 1;
+        if (m_context && *static_cast<int32_t*>(m_context) == 1)
+            DoUpdate(arguments);
+        if (m_lastDoUpdate == 0)
+            PostUpdate(arguments);
+        else
+            Rollback(arguments);
+        ReleaseContext(arguments);
+    }
+    void PrintCounter() const {
+        if (m_context)
+            std::printf("step counter: %d\n", *static_cast<const int32_t*>(m_context));
     }
 
     void ParseLog(const Arguments& arguments) {
@@ -212,6 +236,7 @@ class Host {
 
     Exports m_exports;
     void* m_context = nullptr;
+    uint32_t m_lastDoUpdate = 0;
 };
 
 // The wide command line, each argument as UTF-8.

@@ -1,0 +1,263 @@
+// The agent update transaction on real folders with the agent double: every
+// way it can fail ends, after the rollback, with the old agent's files and the
+// user's configuration as they were, or with the new agent after success.
+#include "AgentControlFixture.h"
+#include "UtilClientInfo.h"
+#include "zephExt_TarnClient.h"
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::wstring kAgent = AgentDouble::kClientFolder;
+const std::wstring kSource = L"C:\\ZephTestBed\\update";
+const std::wstring kBackup = std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup";
+const std::string kUserConfig = "[Policy]\r\nEnabled=0\r\n; the user's own settings\r\n";
+
+using Tree = std::map<std::string, std::string>; // relative path -> bytes
+
+void WriteFile(const std::wstring& path, const std::string& bytes) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(fs::path(path), std::ios::binary) << bytes;
+}
+
+Tree Snapshot(const std::wstring& folder) {
+    Tree tree;
+    std::error_code error;
+    for (auto it = fs::recursive_directory_iterator(folder, error);
+         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (!it->is_regular_file())
+            continue;
+        std::string bytes;
+        ReadFileBytes(it->path().wstring(), bytes);
+        tree[fs::relative(it->path(), folder).string()] = bytes;
+    }
+    return tree;
+}
+
+std::string AgentVersion() {
+    FileVersion version;
+    if (!GetAgentVersion(version))
+        return "none";
+    return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
+           std::to_string(version.third) + "." + std::to_string(version.build);
+}
+
+class UpdateTest : public AgentControlTest {
+  protected:
+    void SetUp() override {
+        AgentControlTest::SetUp();
+        RemoveFolderTree(kSource);
+        ASSERT_EQ(zephExt_CreateContext(&m_context), 0u);
+        PlaceNewVersion();
+        Logged();
+    }
+    void TearDown() override {
+        zephExt_ReleaseContext(m_context);
+        RemoveFolderTree(kSource);
+        AgentControlTest::TearDown();
+    }
+
+    // Version 3.2 installed (service stopped), with the user's configuration
+    // and log files beside it.
+    void PlaceOldAgent() {
+        AgentDouble::Remove();
+        InstallAgent();
+        WriteFile(kAgent + L"\\config\\tn_agent.ini", kUserConfig);
+        WriteFile(kAgent + L"\\agent.log", "top-level log");
+        WriteFile(kAgent + L"\\logs\\detail.log", "kept log");
+        m_oldFiles = Snapshot(kAgent);
+    }
+    // Version 3.3 in the update's source folder, with default settings of its own.
+    static void PlaceNewVersion() {
+        ASSERT_TRUE(CreateFolderTree(kSource));
+        ASSERT_TRUE(CopyFileW(BinPath(L"TarnAgent_3.3.exe").c_str(),
+                              (kSource + L"\\TarnAgent.exe").c_str(), FALSE));
+        ASSERT_TRUE(
+            CopyFileW(BinPath(L"hdc.exe").c_str(), (kSource + L"\\hdc.exe").c_str(), FALSE));
+        WriteFile(kSource + L"\\config\\tn_agent.ini", "[Policy]\r\nEnabled=1\r\n");
+        WriteFile(kSource + L"\\new.dat", "only in 3.3");
+    }
+
+    uint32_t PreUpdate() { return zephExt_PreUpdate(nullptr, m_context); }
+    uint32_t DoUpdate() {
+        ZephUpdateInfo info = {};
+        wcsncpy(info.sourceDir, kSource.c_str(), MAX_PATH - 1);
+        return zephExt_DoUpdate(&info, m_context);
+    }
+    uint32_t Rollback() { return zephExt_Rollback(nullptr, m_context); }
+    int32_t& Counter() { return *static_cast<int32_t*>(m_context); }
+
+    // The old agent is back: every file it had, byte for byte, its service,
+    // its version.
+    void ExpectOldAgentRestored() {
+        Tree now = Snapshot(kAgent);
+        for (const auto& [path, bytes] : m_oldFiles)
+            EXPECT_EQ(now[path], bytes) << path;
+        EXPECT_EQ(AgentVersion(), "3.2.1045.7");
+        EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    }
+
+    void* m_context = nullptr;
+    Tree m_oldFiles;
+};
+
+TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
+    PlaceOldAgent();
+    ASSERT_EQ(PreUpdate(), 0u);
+    EXPECT_EQ(Counter(), 1);
+    Tree backup = m_oldFiles;
+    backup.erase("agent.log"); // top-level logs are left out, others kept
+    EXPECT_EQ(Snapshot(kBackup), backup);
+
+    ASSERT_EQ(DoUpdate(), 0u);
+    EXPECT_EQ(Counter(), 4);
+    EXPECT_EQ(AgentVersion(), "3.3.1100.9");
+    Tree now = Snapshot(kAgent);
+    EXPECT_EQ(now["config\\tn_agent.ini"], kUserConfig);
+    EXPECT_EQ(now["new.dat"], "only in 3.3");
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED)) << "installed again";
+    EXPECT_EQ(AgentDouble::Journal(), (Lines{"install", "delete", "install"}));
+    EXPECT_EQ(Complaints(Logged()), Lines{});
+
+    EXPECT_EQ(zephExt_PostUpdate(), 0u);
+    EXPECT_FALSE(fs::exists(kBackup));
+    // Two programs, two folders with a file each, and the backup folder itself.
+    EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(7)."));
+}
+
+TEST_F(UpdateTest, EveryFailedStageRollsBackToTheOldAgent) {
+    struct Case {
+        const char* name;
+        AgentDouble::Behaviour behaviour;
+        bool lockAFile;
+        uint32_t result;
+        int32_t counter;
+        Lines complaints;
+    };
+    AgentDouble::Behaviour failingDelete;
+    failingDelete.deleteExitCode = 5;
+    AgentDouble::Behaviour failingInstall;
+    failingInstall.installExitCode = 1603;
+    AgentDouble::Behaviour rebootInstall;
+    rebootInstall.installExitCode = 0xFFFFFF92;
+    AgentDouble::Behaviour restartInstall;
+    restartInstall.installExitCode = 3010;
+    const Case cases[] = {
+        {"uninstall fails",
+         failingDelete,
+         false,
+         0x1040004,
+         1,
+         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=5",
+          "E zephExt_DoUpdate - Unable to complete uninstall command. ret=5"}},
+        {"a file is locked",
+         {},
+         true,
+         0x1040005,
+         2,
+         {"E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error code: 32,  error "
+          "message: "}},
+        {"install fails",
+         failingInstall,
+         false,
+         0x1040006,
+         3,
+         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=1603",
+          "E zephExt_DoUpdate - Unable to complete install command. ret=1603"}},
+        {"install wants a reboot",
+         rebootInstall,
+         false,
+         0x1040006,
+         3,
+         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=-110",
+          "E zephExt_DoUpdate - Unable to complete install command. ret=-110"}},
+        {"install wants a restart",
+         restartInstall,
+         false,
+         0x1040006,
+         3,
+         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=3010",
+          "E zephExt_DoUpdate - Unable to complete install command. ret=3010"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        PlaceOldAgent();
+        ASSERT_EQ(PreUpdate(), 0u);
+        Logged();
+        ASSERT_TRUE(AgentDouble::SetBehaviour(c.behaviour));
+        {
+            ScopedFile locked(c.lockAFile
+                                  ? CreateFileW((kAgent + L"\\hdc.exe").c_str(), GENERIC_READ, 0,
+                                                nullptr, OPEN_EXISTING, 0, nullptr)
+                                  : INVALID_HANDLE_VALUE);
+            EXPECT_EQ(DoUpdate(), c.result);
+        }
+        EXPECT_EQ(Counter(), c.counter);
+        // Without the version lines; the system's own wording of an error is cut off.
+        Lines complaints;
+        for (std::string line : Complaints(Logged())) {
+            if (line.find("version.") != std::string::npos)
+                continue;
+            size_t wording = line.find("error message: ");
+            if (wording != std::string::npos)
+                line.resize(wording + 15);
+            complaints.push_back(line);
+        }
+        EXPECT_EQ(complaints, c.complaints);
+
+        ASSERT_TRUE(AgentDouble::SetBehaviour({})); // the old installer works
+        EXPECT_EQ(Rollback(), 0u);
+        ExpectOldAgentRestored();
+        EXPECT_EQ(Complaints(Logged()), Lines{});
+    }
+}
+
+TEST_F(UpdateTest, RollbackUndoesExactlyTheStagesReached) {
+    PlaceOldAgent();
+    EXPECT_EQ(Rollback(), 0u) << "nothing done yet";
+    EXPECT_EQ(Logged(), (Lines{"I zephExt_Rollback - >>> zephExt_Rollback",
+                               "I zephExt_Rollback - Update aborted at step 0.",
+                               "I zephExt_Rollback - <<< zephExt_Rollback"}));
+    EXPECT_EQ(AgentDouble::Journal(), Lines{"install"});
+
+    // A finished update, rolled back all the way: the new agent's extra file stays.
+    ASSERT_EQ(PreUpdate(), 0u);
+    ASSERT_EQ(DoUpdate(), 0u);
+    EXPECT_EQ(Rollback(), 0u);
+    ExpectOldAgentRestored();
+    EXPECT_TRUE(fs::exists(kAgent + L"\\new.dat"));
+    EXPECT_EQ(AgentDouble::Journal(), (Lines{"install", "delete", "install", "delete", "install"}));
+    EXPECT_TRUE(fs::exists(kBackup)) << "kept for the next pre-update";
+}
+
+TEST_F(UpdateTest, AMissingAgentIsRepairedAndALeftoverBackupReplaced) {
+    WriteFile(kBackup + L"\\stale.txt", "from an earlier update");
+    ASSERT_EQ(PreUpdate(), 0u) << "no agent folder: nothing to back up";
+    EXPECT_EQ(Counter(), 1);
+    EXPECT_FALSE(fs::exists(kBackup));
+
+    ASSERT_EQ(DoUpdate(), 0u);
+    EXPECT_EQ(Counter(), 4);
+    EXPECT_EQ(AgentVersion(), "3.3.1100.9");
+    Lines log = Logged();
+    EXPECT_TRUE(Contains(log, "I zephExt_DoUpdate - TarnAgent.exe "
+                              "(C:\\ZephTestBed\\Corvale\\..\\iService\\Tarn\\TarnAgent.exe) "
+                              "doesn't exist. Skip uninstall Tarn agent and continue to upgrade."));
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& line) {
+        return line.rfind("E zephExt_DoUpdate - Unable to copy back config file of Tarn agent.",
+                          0) == 0;
+    }));
+
+    // The next update finds the repaired agent and a backup to replace.
+    WriteFile(kBackup + L"\\stale.txt", "from an earlier update");
+    ASSERT_EQ(PreUpdate(), 0u);
+    EXPECT_FALSE(fs::exists(kBackup + L"\\stale.txt"));
+    EXPECT_TRUE(fs::exists(kBackup + L"\\TarnAgent.exe"));
+}
+
+} // namespace
