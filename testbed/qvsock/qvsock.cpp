@@ -20,17 +20,6 @@ std::string OutText(const void* pointer) {
     return pointer ? "out" : "NULL";
 }
 
-std::string Narrow(const std::wstring& text) {
-    if (text.empty())
-        return std::string();
-    int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                     nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &narrow[0], length,
-                        nullptr, nullptr);
-    return narrow;
-}
-
 DWORD ReadDword(const wchar_t* name, DWORD fallback) {
     DWORD value = fallback;
     TestBedRegistry::ReadDword(kQvsockBehaviourKey, name, value);

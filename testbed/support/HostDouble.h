@@ -38,3 +38,7 @@ bool CreateFolderTree(const std::wstring& folder);
 
 // The journal file of the host library double: the Journal value or the default.
 std::wstring HostJournalPath();
+
+// UTF-8 <-> UTF-16.
+std::wstring Widen(const std::string& text);
+std::string Narrow(const std::wstring& text);

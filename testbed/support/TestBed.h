@@ -26,10 +26,6 @@ void RemoveFolderTree(const std::wstring& folder);
 std::wstring BinDir(); // folder of the running executable, with trailing backslash
 std::wstring BinPath(const wchar_t* name); // BinDir() + name
 
-// UTF-8 <-> UTF-16.
-std::wstring Widen(const std::string& text);
-std::string Narrow(const std::wstring& text);
-
 // The whole file as bytes; false when it cannot be read.
 bool ReadFileBytes(const std::wstring& path, std::string& bytes);
 // Splits at '\n', drops a '\r' before it and the empty piece after a final '\n'.
