@@ -49,7 +49,8 @@ extern "C" uint32_t zephExt_ParseLog(const wchar_t* logFilePath, uint32_t typeBu
     // Only a failing read throws; an empty file just sets the fail bit.
     file.exceptions(std::ios_base::badbit);
     try {
-        file.open(std::filesystem::path(logFilePath));
+        if (logFilePath) // a host that passes no path gets the open failure
+            file.open(std::filesystem::path(logFilePath));
         if (!file.is_open()) {
             LOGW(LOG_ERROR, L"%s - Can't open the file: %s", L"zephExt_ParseLog", logFilePath);
             return RESULT_PARSELOG_FAILED;
