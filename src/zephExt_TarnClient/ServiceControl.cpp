@@ -18,12 +18,6 @@ const wchar_t kAgentExecutable[] = L"TarnAgent.exe";
 const wchar_t kAgentFolderFromInstallPath[] = L"..\\iService\\Tarn";
 constexpr DWORD kQueryAndControlAccess =
     SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP; // 0x2C
-constexpr int32_t kInstalledRebootRequired = -110;       // 0xFFFFFF92 as an exit code
-
-// Tenth of the wait hint, at least one second and at most ten.
-DWORD StatusPollSleepMs(DWORD waitHint) {
-    return std::min<DWORD>(std::max<DWORD>(waitHint / 10, 1000), 10000);
-}
 
 ScopedServiceHandle OpenServiceManager() {
     return ScopedServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -94,6 +88,35 @@ std::wstring TarnAgentExecutable(const std::wstring& folder) {
     return folder + L"\\" + kAgentExecutable;
 }
 
+DWORD StatusPollSleepMs(DWORD waitHint) {
+    return std::min<DWORD>(std::max<DWORD>(waitHint / 10, 1000), 10000);
+}
+
+int32_t QueryTarnService(const wchar_t* self, TarnServiceQuery& query) {
+    query.manager = OpenServiceManager();
+    if (!query.manager) {
+        int32_t error = LastError();
+        LOGW(LOG_ERROR, L"%s - Unalbe to OpenSCManager: %d", self, error);
+        return error;
+    }
+    query.service = ScopedServiceHandle(
+        OpenServiceW(query.manager.Get(), kTarnServiceName, kQueryAndControlAccess));
+    if (!query.service) {
+        int32_t error = LastError();
+        LOGW(LOG_ERROR, L"%s - Unalbe to OpenService(%s): %d", self, kTarnServiceName, error);
+        return error;
+    }
+    if (!QueryTarnStatus(query.service.Get(), query.status)) {
+        int32_t error = LastError();
+        LOGW(LOG_ERROR,
+             L"%s - Unalbe to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking "
+             L"current status (%d)",
+             self, error);
+        return error;
+    }
+    return 0;
+}
+
 bool QueryTarnStatus(SC_HANDLE service, SERVICE_STATUS_PROCESS& status) {
     DWORD needed = 0;
     return QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
@@ -138,31 +161,15 @@ int32_t UntilServiceStatusNotEqualTo(SC_HANDLE service, DWORD state,
 int32_t IsTarnServiceStopped(bool& stopped) {
     const wchar_t* self = L"IsTarnServiceStopped";
     stopped = false;
-    ScopedServiceHandle manager = OpenServiceManager();
-    if (!manager) {
-        int32_t error = LastError();
-        LOGW(LOG_ERROR, L"%s - Unalbe to OpenSCManager: %d", self, error);
-        return error;
-    }
-    ScopedServiceHandle service(
-        OpenServiceW(manager.Get(), kTarnServiceName, kQueryAndControlAccess));
-    if (!service) {
-        int32_t error = LastError();
-        LOGW(LOG_ERROR, L"%s - Unalbe to OpenService(%s): %d", self, kTarnServiceName, error);
-        if (error != ERROR_SERVICE_DOES_NOT_EXIST)
-            return error;
+    TarnServiceQuery query;
+    int32_t error = QueryTarnService(self, query);
+    if (error == ERROR_SERVICE_DOES_NOT_EXIST) { // an absent agent counts as stopped
         stopped = true;
         return 0;
     }
-    SERVICE_STATUS_PROCESS status = {};
-    if (!QueryTarnStatus(service.Get(), status)) {
-        int32_t error = LastError();
-        LOGW(LOG_ERROR,
-             L"%s - Unalbe to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking "
-             L"current status (%d)",
-             self, error);
+    if (error != 0)
         return error;
-    }
+    SERVICE_STATUS_PROCESS& status = query.status;
     if (status.dwCurrentState != SERVICE_STOPPED && status.dwCurrentState != SERVICE_STOP_PENDING) {
         LOGW(LOG_INFO, L"%s - Service is not stopped or stop pending.", self);
         return 0;
@@ -170,7 +177,8 @@ int32_t IsTarnServiceStopped(bool& stopped) {
     LOGW(LOG_WARNING, L"%s - Service is already stopped or stop pending. Will wait for pending.",
          self);
     stopped = true;
-    int32_t result = UntilServiceStatusNotEqualTo(service.Get(), SERVICE_STOP_PENDING, status);
+    int32_t result =
+        UntilServiceStatusNotEqualTo(query.service.Get(), SERVICE_STOP_PENDING, status);
     if (result != 0)
         LOGW(LOG_ERROR, L"%s - UntilServiceStatusNotEqualTo(SERVICE_STOP_PENDING) failed. nRet=%d",
              self, result);
@@ -277,9 +285,9 @@ int32_t InstallTarn(std::string archivePath) {
     if (LaunchCmd(TarnAgentExecutable(folder).c_str(), L"-install", nullptr, &exitCode))
         return 0;
     int32_t code = static_cast<int32_t>(exitCode);
-    if (code == kInstalledRebootRequired) {
+    if (code == kTarnInstalledRebootRequired) {
         LOGW(LOG_WARNING, L"%s - Successfully installed agent, but require a reboot.", self);
-        return kInstalledRebootRequired;
+        return kTarnInstalledRebootRequired;
     }
     if (code != 0) {
         LOGW(LOG_ERROR, L"%s - Unable to complete install command. ret=%d", self, code);

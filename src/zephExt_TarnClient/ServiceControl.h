@@ -1,12 +1,16 @@
 #pragma once
 // The agent's Windows service: is it stopped, start it, install the agent from
 // its package archive and uninstall it. No state is kept between calls.
+#include "ScopedHandle.h"
+
 #include <windows.h>
 
 #include <cstdint>
 #include <string>
 
 extern const wchar_t kTarnServiceName[]; // "TarnAgent"
+// The installer's exit code (0xFFFFFF92) for an agent installed but waiting for a reboot.
+constexpr int32_t kTarnInstalledRebootRequired = -110;
 
 // The agent's folder beside the parent product's: `installPath` (ending in a
 // backslash) + "..\iService\Tarn", not normalised.
@@ -21,6 +25,20 @@ int32_t UntilServiceStatusNotEqualTo(SC_HANDLE service, DWORD state,
                                      SERVICE_STATUS_PROCESS& status);
 // Reads the service's status as the system's SERVICE_STATUS_PROCESS.
 bool QueryTarnStatus(SC_HANDLE service, SERVICE_STATUS_PROCESS& status);
+// A tenth of the wait hint, at least one second and at most ten: how long to
+// sleep between two looks at a service that is changing state.
+DWORD StatusPollSleepMs(DWORD waitHint);
+
+// The agent service opened with query-status, start and stop rights, and its
+// status.
+struct TarnServiceQuery {
+    ScopedServiceHandle manager;
+    ScopedServiceHandle service;
+    SERVICE_STATUS_PROCESS status = {};
+};
+// Opens and reads it, logging a failed step as "Unalbe to ..." with `self`:
+// 0, or that step's system error (ERROR_SERVICE_DOES_NOT_EXIST when absent).
+int32_t QueryTarnService(const wchar_t* self, TarnServiceQuery& query);
 
 // `stopped` is set for a stopped (after any stop-pending phase) or absent service.
 int32_t IsTarnServiceStopped(bool& stopped);

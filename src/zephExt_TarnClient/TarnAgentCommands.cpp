@@ -16,7 +16,6 @@ namespace {
 
 constexpr size_t kTimestampOffset = 20;
 constexpr DWORD kStopLimitMs = 60000;
-constexpr DWORD kQueryAndControlAccess = SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP;
 
 // What each command says when a step of its exchange fails.
 struct CommandTexts {
@@ -80,32 +79,15 @@ void LogResponse(const wchar_t* self, const TnFrameHeader& response) {
 
 // After the stop command: a fixed overall limit, no regard for check points.
 int32_t WaitUntilTarnStopped(const wchar_t* self) {
-    ScopedServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!manager) {
-        DWORD error = GetLastError();
-        LOGA(LOG_ERROR, "%S - Unalbe to OpenSCManager: %d", self, static_cast<int>(error));
-        return static_cast<int32_t>(error);
-    }
-    ScopedServiceHandle service(
-        OpenServiceW(manager.Get(), kTarnServiceName, kQueryAndControlAccess));
-    if (!service) {
-        DWORD error = GetLastError();
-        LOGW(LOG_ERROR, L"%s - Unalbe to OpenService(%s): %d", self, kTarnServiceName,
-             static_cast<int>(error));
-        return static_cast<int32_t>(error);
-    }
-    SERVICE_STATUS_PROCESS status = {};
-    if (!QueryTarnStatus(service.Get(), status)) {
-        DWORD error = GetLastError();
-        LOGW(LOG_ERROR,
-             L"%s - Unalbe to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking "
-             L"current status (%d)",
-             self, static_cast<int>(error));
-        return static_cast<int32_t>(error);
-    }
+    TarnServiceQuery query;
+    int32_t error = QueryTarnService(self, query);
+    if (error != 0)
+        return error;
+    SERVICE_STATUS_PROCESS& status = query.status;
+    ScopedServiceHandle& service = query.service;
     const DWORD start = GetTickCount();
     while (status.dwCurrentState != SERVICE_STOPPED) {
-        Sleep(std::min<DWORD>(std::max<DWORD>(status.dwWaitHint / 10, 1000), 10000));
+        Sleep(StatusPollSleepMs(status.dwWaitHint));
         if (!QueryTarnStatus(service.Get(), status)) {
             DWORD error = GetLastError();
             LOGW(LOG_ERROR,

@@ -22,7 +22,6 @@ namespace {
 
 const wchar_t kAgentKey[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorvane\\TarnAgent";
 const char kPackageName[] = "instupg_Tarn_x64.zip";
-constexpr int32_t kInstalledRebootRequired = -110;
 constexpr int32_t kInstallRebootStatus = 101;
 constexpr int32_t kInstallPackageStatus = 112;
 
@@ -66,7 +65,7 @@ bool InstallAgent(const wchar_t* self, const rapidjson::Value& data) {
     LOGW(LOG_DETAIL, L"%s - ret = %d", self, result);
     if (result == 0)
         return true;
-    if (result == kInstalledRebootRequired) {
+    if (result == kTarnInstalledRebootRequired) {
         g_InstallStatusCode = kInstallRebootStatus;
         LOGW(LOG_DETAIL, L"%s - status_error_code: %d", self, g_InstallStatusCode);
         LOGW(LOG_WARNING, L"%s - Install Tarn agent service successfully but requires a reboot.",
