@@ -167,8 +167,10 @@ void LogServer::Receive(HANDLE pipe) {
         record.raw = raw;
         record.messageSizes = messageSizes;
         bool isSync = record.parsed && record.text.rfind(kSyncMarker, 0) == 0;
-        if (!isSync && m_listener)
+        if (!isSync && m_listener) {
             m_listener(record);
+            continue; // a long-running server keeps nothing it has handed on
+        }
         std::lock_guard<std::mutex> guard(m_lock);
         m_records.push_back(std::move(record));
     }

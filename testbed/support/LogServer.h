@@ -39,6 +39,7 @@ class LogServer {
   public:
     using Listener = std::function<void(const LogRecord&)>;
 
+    // With a listener, each record goes to it and is not kept for Records().
     explicit LogServer(Listener listener = nullptr);
     ~LogServer();
     LogServer(const LogServer&) = delete;

@@ -5,6 +5,8 @@
 //   zephhost <dll> <call> [argument [argument]]
 //   zephhost <dll> --script <file>      one "<call> <argument>" per line
 //   zephhost <dll> update <source dir>  the host's update sequence in one process
+//   zephhost <dll> --soak <count> <file>  <count> calls of each call in the script,
+//                                         quietly, and the process's handle and memory growth
 #include "TestBed.h"
 
 #include "ScopedHandle.h"
@@ -15,10 +17,13 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <utility>
 
 namespace {
 
@@ -66,15 +71,6 @@ bool ResolveAll(HMODULE module, Exports& exports) {
     return complete;
 }
 
-void PrintResult(const char* exportName, uint32_t result) {
-    std::printf("%s -> %u\n", exportName, result);
-}
-
-void PrintText(const char* text, size_t length) {
-    std::fwrite(text, 1, length, stdout);
-    std::fputc('\n', stdout);
-}
-
 std::string ArgumentAt(const std::vector<std::string>& arguments, size_t index) {
     return index < arguments.size() ? arguments[index] : std::string();
 }
@@ -84,6 +80,10 @@ class Host {
     using Arguments = std::vector<std::string>;
 
     explicit Host(const Exports& exports) : m_exports(exports) {}
+
+    // A quiet host prints nothing and counts each "<export> -> <result>" instead.
+    void SetQuiet(bool quiet) { m_quiet = quiet; }
+    std::map<std::string, unsigned> TakeTally() { return std::exchange(m_tally, {}); }
 
     // Runs one call and flushes its lines; false for an unknown call.
     bool Run(const std::string& call, const Arguments& arguments) {
@@ -116,6 +116,23 @@ class Host {
     }
 
   private:
+    void Print(const char* format, ...) {
+        if (m_quiet)
+            return;
+        va_list arguments;
+        va_start(arguments, format);
+        std::vprintf(format, arguments);
+        va_end(arguments);
+    }
+    void PrintResult(const char* exportName, uint32_t result) {
+        if (m_quiet)
+            ++m_tally[std::string(exportName) + " -> " + std::to_string(result)];
+        Print("%s -> %u\n", exportName, result);
+    }
+    void PrintText(const char* text, size_t length) {
+        Print("%.*s\n", static_cast<int>(length), text);
+    }
+
     void Init(const Arguments&) { PrintResult("zephExt_Init", m_exports.zephExt_Init()); }
     void Deinit(const Arguments&) { PrintResult("zephExt_Deinit", m_exports.zephExt_Deinit()); }
 
@@ -125,14 +142,14 @@ class Host {
         std::memset(&record, 0xFF, sizeof(record)); // the padding after flag too
         record.reserved = 0xA5A5A5A5;
         PrintResult("zephExt_GetPrerequest", m_exports.zephExt_GetPrerequest(&record));
-        std::printf("record: reserved=%u kind=%u major=%u minor=%u build=%u flag=%u\n",
-                    record.reserved, record.kind, record.major, record.minor, record.build,
-                    static_cast<unsigned>(record.flag));
+        Print("record: reserved=%u kind=%u major=%u minor=%u build=%u flag=%u\n", record.reserved,
+              record.kind, record.major, record.minor, record.build,
+              static_cast<unsigned>(record.flag));
         const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&record);
-        std::printf("bytes:");
+        Print("bytes:");
         for (size_t i = 0; i < sizeof(record); ++i)
-            std::printf(" %02x", bytes[i]);
-        std::printf("\n");
+            Print(" %02x", bytes[i]);
+        Print("\n");
     }
 
     void CreateContext(const Arguments&) {
@@ -165,10 +182,10 @@ class Host {
                     m_exports.zephExt_OnQueryData(m_context, static_cast<int32_t>(request.size()),
                                                   request.c_str(), &responseLength, &response));
         if (!response) {
-            std::printf("response: null\n");
+            Print("response: null\n");
             return;
         }
-        std::printf("response(%u): ", responseLength);
+        Print("response(%u): ", responseLength);
         PrintText(response, std::strlen(response));
         PrintResult("zephExt_Free", m_exports.zephExt_Free(response));
     }
@@ -210,9 +227,9 @@ class Host {
             Rollback(arguments);
         ReleaseContext(arguments);
     }
-    void PrintCounter() const {
+    void PrintCounter() {
         if (m_context)
-            std::printf("step counter: %d\n", *static_cast<const int32_t*>(m_context));
+            Print("step counter: %d\n", *static_cast<const int32_t*>(m_context));
     }
 
     void ParseLog(const Arguments& arguments) {
@@ -226,15 +243,17 @@ class Host {
         uint32_t dataSize = 0;
         PrintResult("zephExt_ParseLog", m_exports.zephExt_ParseLog(path.c_str(), typeSize,
                                                                    type.data(), &data, &dataSize));
-        std::printf("type: %s\n", Narrow(type.data()).c_str());
+        Print("type: %s\n", Narrow(type.data()).c_str());
         if (!data)
             return;
-        std::printf("data(%u): ", dataSize);
+        Print("data(%u): ", dataSize);
         PrintText(data, strnlen(data, dataSize));
         PrintResult("zephExt_Free", m_exports.zephExt_Free(data));
     }
 
     Exports m_exports;
+    bool m_quiet = false;
+    std::map<std::string, unsigned> m_tally;
     void* m_context = nullptr;
     uint32_t m_lastDoUpdate = 0;
 };
@@ -272,25 +291,111 @@ bool IsSkipped(const std::string& line) {
     return line.find_first_not_of(" \t") == std::string::npos || line[0] == '#';
 }
 
-int RunScript(Host& host, const std::string& file) {
+using ScriptLine = std::pair<std::string, Host::Arguments>;
+
+bool ReadScript(const std::string& file, std::vector<ScriptLine>& script) {
     std::string text;
     if (!ReadFileBytes(Widen(file), text)) {
         std::printf("cannot read script %s\n", file.c_str());
-        return kExitCannotLoad;
+        return false;
     }
-    for (const std::string& line : SplitLines(text)) {
-        if (IsSkipped(line))
-            continue;
-        auto [call, arguments] = ParseScriptLine(line);
+    for (const std::string& line : SplitLines(text))
+        if (!IsSkipped(line))
+            script.push_back(ParseScriptLine(line));
+    return true;
+}
+
+int RunScript(Host& host, const std::vector<ScriptLine>& script) {
+    for (const auto& [call, arguments] : script)
         if (!host.Run(call, arguments))
             return kExitUsage;
+    return 0;
+}
+
+// What a soak watches: the process's open handles and its private bytes.
+struct Footprint {
+    DWORD handles = 0;
+    SIZE_T privateBytes = 0;
+};
+
+// Wine answers 0 from GetProcessHandleCount; there the handle values in use
+// are counted instead (Wine hands out small multiples of 4).
+DWORD CountHandles() {
+    DWORD count = 0;
+    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0)
+        return count;
+    constexpr uintptr_t kHighestProbed = 0x10000;
+    DWORD flags = 0;
+    for (uintptr_t value = 4; value <= kHighestProbed; value += 4)
+        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
+    return count;
+}
+
+// Committed private pages of the whole address space (GetProcessMemoryInfo's
+// PrivateUsage is 0 under Wine).
+SIZE_T CountPrivateBytes() {
+    SYSTEM_INFO system;
+    GetSystemInfo(&system);
+    SIZE_T total = 0;
+    MEMORY_BASIC_INFORMATION region;
+    auto* address = static_cast<const char*>(system.lpMinimumApplicationAddress);
+    while (address < system.lpMaximumApplicationAddress &&
+           VirtualQuery(address, &region, sizeof(region)) == sizeof(region)) {
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+            total += region.RegionSize;
+        address = static_cast<const char*>(region.BaseAddress) + region.RegionSize;
+    }
+    return total;
+}
+
+Footprint MeasureFootprint() {
+    return {CountHandles(), CountPrivateBytes()};
+}
+
+// The script's lines grouped by call, in order of first appearance; each
+// group runs `count` calls, taking its lines in turn, after a tenth of that as
+// warm-up. Prints per group
+//   soak <call> x<count>: handles <a> -> <b>, private bytes <a> -> <b>, <elapsed> ms
+// followed by one "  <export> -> <result> x<calls>" per result seen.
+int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
+    std::vector<std::pair<std::string, std::vector<Host::Arguments>>> groups;
+    for (const auto& [call, arguments] : script) {
+        auto group = std::find_if(groups.begin(), groups.end(),
+                                  [&call = call](const auto& g) { return g.first == call; });
+        if (group == groups.end())
+            group = groups.insert(groups.end(), {call, {}});
+        group->second.push_back(arguments);
+    }
+    host.SetQuiet(true);
+    for (const auto& [call, requests] : groups) {
+        auto runCalls = [&, &call = call, &requests = requests](unsigned calls) {
+            bool known = true;
+            for (unsigned i = 0; i < calls; ++i)
+                known = host.Run(call, requests[i % requests.size()]) && known;
+            return known;
+        };
+        if (!runCalls(count / 10))
+            return kExitUsage;
+        host.TakeTally();
+        Footprint before = MeasureFootprint();
+        ULONGLONG start = GetTickCount64();
+        runCalls(count);
+        ULONGLONG elapsedMs = GetTickCount64() - start;
+        Footprint after = MeasureFootprint();
+        std::printf("soak %s x%u: handles %lu -> %lu, private bytes %zu -> %zu, %llu ms\n",
+                    call.c_str(), count, before.handles, after.handles, before.privateBytes,
+                    after.privateBytes, elapsedMs);
+        for (const auto& [result, calls] : host.TakeTally())
+            std::printf("  %s x%u\n", result.c_str(), calls);
+        std::fflush(stdout);
     }
     return 0;
 }
 
 int Usage() {
     std::fprintf(stderr, "usage: zephhost <dll path> <call> [argument]\n"
-                         "       zephhost <dll path> --script <file>\n");
+                         "       zephhost <dll path> --script <file>\n"
+                         "       zephhost <dll path> --soak <count> <file>\n");
     return kExitUsage;
 }
 
@@ -300,7 +405,10 @@ int main() {
     // Plain "\n" line ends, whatever reads the output.
     _setmode(_fileno(stdout), _O_BINARY);
     std::vector<std::string> arguments = Utf8Arguments();
-    if (arguments.size() < 3 || (arguments[2] == "--script" && arguments.size() != 4))
+    bool isScript = arguments.size() > 2 && arguments[2] == "--script";
+    bool isSoak = arguments.size() > 2 && arguments[2] == "--soak";
+    if (arguments.size() < 3 || (isScript && arguments.size() != 4) ||
+        (isSoak && (arguments.size() != 5 || !IsDecimal(arguments[3]))))
         return Usage();
     ScopedModule plugin(LoadLibraryW(Widen(arguments[1]).c_str()));
     if (!plugin) {
@@ -313,8 +421,13 @@ int main() {
         return kExitMissingExport;
     }
     Host host(exports);
-    if (arguments[2] == "--script")
-        return RunScript(host, arguments[3]);
+    std::vector<ScriptLine> script;
+    if ((isScript || isSoak) && !ReadScript(arguments.back(), script))
+        return kExitCannotLoad;
+    if (isScript)
+        return RunScript(host, script);
+    if (isSoak)
+        return RunSoak(host, script, static_cast<unsigned>(std::stoul(arguments[3])));
     Host::Arguments callArguments(arguments.begin() + 3, arguments.end());
     return host.Run(arguments[2], callArguments) ? 0 : kExitUsage;
 }
