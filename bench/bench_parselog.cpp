@@ -2,12 +2,12 @@
 // of any implementation: open the file, read its first line, close it. Both
 // run over the same files in the same process, interleaved round by round;
 // the table shows the median of the rounds. Prints, never asserts.
+#include "BenchTiming.h"
 #include "TestBed.h"
 #include "zephExt_TarnClient.h"
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -26,22 +26,6 @@ const char kLongRecord[] =
     "d, 1, 0, 00:1A:2B:3C:4D:5E, 0x86DD, 00-1A-2B-3C-4D-5F, 00-1A-2B-3C-4D-60, UDP, , "
     "2001:db8::7, 53, 2001:db8::1, 5353, 512, 0, 1, 17, 2, , 0, 0, 0, 4, , 0x0102030405, , "
     "a, b, 6e6f74657061642e657865, c, d, e, 3, 1700000000, 1699999999";
-
-double Now() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER counter;
-    QueryPerformanceCounter(&counter);
-    return static_cast<double>(counter.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 } // namespace
 
@@ -94,25 +78,18 @@ int main() {
 
     floor();
     parse(); // binds to the host once, warms the file cache
-    std::vector<double> floorTimes, parseTimes;
+    bench::Measure floorTimes{"ifstream open + getline + close", {}};
+    bench::Measure parseTimes{"zephExt_ParseLog + zephExt_Free", {}};
     for (int round = 0; round < kRounds; ++round) {
-        double start = Now();
-        floor();
-        double middle = Now();
-        parse();
-        double end = Now();
-        floorTimes.push_back((middle - start) / kFiles);
-        parseTimes.push_back((end - middle) / kFiles);
+        bench::Time(floorTimes.times, kFiles, floor);
+        bench::Time(parseTimes.times, kFiles, parse);
     }
-    double floorMedian = Median(floorTimes);
-    double parseMedian = Median(parseTimes);
 
     std::printf("%d valid files (short and long records), %d rounds, median per file\n", kFiles,
                 kRounds);
-    std::printf("| measure | per file (us) | ratio to floor |\n|---|---|---|\n");
-    std::printf("| open + read first line + close (floor) | %.1f | 1.00 |\n", floorMedian * 1e6);
-    std::printf("| zephExt_ParseLog + zephExt_Free | %.1f | %.2f |\n", parseMedian * 1e6,
-                parseMedian / floorMedian);
+    bench::Table table("file", bench::kMicroseconds);
+    table.Row(parseTimes, floorTimes);
+    table.Print();
     if (failures)
         std::printf("%d calls did not succeed\n", failures);
     FreeLibrary(plugin);
