@@ -32,13 +32,23 @@ size_t FormatPrefix(wchar_t* buffer, size_t capacity) {
     return tagLength + wcslen(exeName) + 4;
 }
 
-// Callers log a failure and then read its error: the record leaves the
-// thread's last error as it found it.
+// Callers log a failure and then read its error: a log call leaves the
+// thread's last error as it found it, from the prefix (GetModuleFileNameW
+// clears it under Wine) to the pipe.
+class LastErrorKeeper {
+  public:
+    LastErrorKeeper() : m_error(GetLastError()) {}
+    ~LastErrorKeeper() { SetLastError(m_error); }
+    LastErrorKeeper(const LastErrorKeeper&) = delete;
+    LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
+
+  private:
+    DWORD m_error;
+};
+
 void SendText(int level, const wchar_t* sourceFile, int line, const wchar_t* text) {
-    DWORD lastError = GetLastError();
     SendDebugLogRecord(static_cast<int32_t>(time(nullptr)), GetCurrentProcessId(),
                        GetCurrentThreadId(), level, sourceFile, line, text);
-    SetLastError(lastError);
 }
 
 void ReportOpenFailure(DWORD error) {
@@ -129,6 +139,7 @@ int SendDebugLogRecord(int32_t time, uint32_t processId, uint32_t threadId, int 
 }
 
 void DebugLogA(int level, const char* sourceFile, int line, const char* format, ...) {
+    LastErrorKeeper keeper;
     char text[kTextChars] = {};
     size_t prefixLength = 0;
     wchar_t prefix[kTextChars];
@@ -148,6 +159,7 @@ void DebugLogA(int level, const char* sourceFile, int line, const char* format, 
 }
 
 void DebugLogW(int level, const wchar_t* sourceFile, int line, const wchar_t* format, ...) {
+    LastErrorKeeper keeper;
     wchar_t text[kTextChars] = {};
     size_t prefixLength = FormatPrefix(text, kTextChars);
     if (format && prefixLength < kTextChars - 1) {
