@@ -12,7 +12,9 @@ JsonRequest::JsonRequest() : m_pool(kPoolChunkSize), m_document(&m_pool, kParseS
 bool JsonRequest::Parse(int32_t length, const char* text) {
     static const char kEmpty[] = "";
     bool empty = !text || length <= 0;
-    m_document.Parse(empty ? kEmpty : text, empty ? 0 : static_cast<size_t>(length));
+    // Iteratively: nesting as deep as the text is long must not overflow the stack.
+    m_document.Parse<rapidjson::kParseIterativeFlag>(empty ? kEmpty : text,
+                                                     empty ? 0 : static_cast<size_t>(length));
     return !m_document.HasParseError();
 }
 
