@@ -1,13 +1,10 @@
 #include "DebugLog.h"
 #include "LogServer.h"
+#include "StdoutCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <io.h>
-#include <cstdio>
 #include <ctime>
-#include <fstream>
-#include <sstream>
 
 namespace {
 
@@ -114,26 +111,6 @@ TEST_F(DebugLogTest, LongTextIsCutAt4095CharactersAndSentInChunks) {
         EXPECT_EQ(total, (record.raw.size() + 1) * sizeof(wchar_t));
         EXPECT_GT(record.messageSizes.size(), 8u);
     }
-}
-
-// Runs `action` with the process's standard output sent to a file; returns what it printed.
-template <typename Action> std::string CaptureStdout(Action action) {
-    char path[MAX_PATH];
-    GetTempPathA(MAX_PATH, path);
-    strcat(path, "debuglog_stdout.txt");
-    fflush(stdout);
-    int saved = _dup(1);
-    FILE* file = fopen(path, "w");
-    _dup2(_fileno(file), 1);
-    action();
-    fflush(stdout);
-    _dup2(saved, 1);
-    _close(saved);
-    fclose(file);
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 TEST(DebugLogWithoutServer, WarnsOnceThatTheServerIsMissing) {

@@ -16,6 +16,9 @@ constexpr DWORD kPipeBufferBytes = 64 * 1024;
 constexpr DWORD kReadChunkBytes = 4096;
 constexpr uint32_t kWrongMagic = 0x51565400;
 constexpr size_t kSplitAt = 20; // SplitHeader's first message: part of the header only
+// Garbage: no frame at all, and shorter than a header.
+constexpr char kNoise[] = "\x8f\x13\xd2\x7a\x00\xe4\x51\x9b\x3c\xff\x06\xa8";
+constexpr DWORD kCutOffMissingBytes = 64; // announced by CutOff's header, never sent
 
 void JournalPipeFailure() {
     AppendJournalLine(kAgentJournal, "pipe error " + std::to_string(GetLastError()));
@@ -122,6 +125,8 @@ std::string Response(const TnFrameHeader& command, const PipeBehaviour& behaviou
         header.dwCmdType = TNIPCOMMAND_STOP_SERVICE;
     if (behaviour.answer == PipeAnswer::WrongIdentifier)
         header.dwIdentifier += 1;
+    if (behaviour.answer == PipeAnswer::CutOff)
+        header.dwDataLength += kCutOffMissingBytes;
     SYSTEMTIME now;
     GetSystemTime(&now);
     static_assert(sizeof now == sizeof header.timestamp, "the header carries a SYSTEMTIME");
@@ -133,14 +138,25 @@ std::string Response(const TnFrameHeader& command, const PipeBehaviour& behaviou
     return frame;
 }
 
-// False when the connection is to end: no answer wanted, or the client is gone.
+// False when the connection is to end: the answer leaves the client nothing
+// more to read, or the client is gone.
 bool Answer(PipeIo& io, const TnFrameHeader& command, const PipeBehaviour& behaviour) {
-    if (behaviour.answer == PipeAnswer::NoAnswer)
-        return false;
+    Sleep(behaviour.delayMs);
     std::string response = Response(command, behaviour);
-    if (behaviour.answer == PipeAnswer::SplitHeader)
+    switch (behaviour.answer) {
+    case PipeAnswer::NoAnswer:
+        return false;
+    case PipeAnswer::Garbage:
+        io.Write(std::string(kNoise, sizeof kNoise - 1));
+        return false;
+    case PipeAnswer::CutOff:
+        io.Write(response);
+        return false;
+    case PipeAnswer::SplitHeader:
         return io.Write(response.substr(0, kSplitAt)) && io.Write(response.substr(kSplitAt));
-    return io.Write(response);
+    default:
+        return io.Write(response);
+    }
 }
 
 } // namespace

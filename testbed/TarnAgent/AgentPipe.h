@@ -15,6 +15,7 @@ struct PipeBehaviour {
     AgentDouble::PipeAnswer answer = AgentDouble::PipeAnswer::Normal;
     DWORD retCode = 0;      // dwTxRetCode of every response
     DWORD payloadBytes = 0; // payload bytes of every response
+    DWORD delayMs = 0;      // the wait before each answer
     bool bytePipe = false;  // byte-mode instances instead of message-mode ones
 };
 

@@ -17,10 +17,12 @@ inline constexpr wchar_t kStopDelayValue[] = L"StopDelayMs";
 inline constexpr wchar_t kStartExitCodeValue[] = L"StartExitCode";
 inline constexpr wchar_t kStuckStopPendingValue[] = L"StuckStopPending";
 // How the service answers on the agent pipe (AgentDouble::PipeAnswer, the
-// response's dwTxRetCode and payload size), and 1 for a byte-mode pipe.
+// response's dwTxRetCode and payload size, the wait before each answer), and
+// 1 for a byte-mode pipe.
 inline constexpr wchar_t kPipeAnswerValue[] = L"PipeAnswer";
 inline constexpr wchar_t kAnswerRetCodeValue[] = L"AnswerRetCode";
 inline constexpr wchar_t kAnswerPayloadBytesValue[] = L"AnswerPayloadBytes";
+inline constexpr wchar_t kAnswerDelayValue[] = L"AnswerDelayMs";
 inline constexpr wchar_t kBytePipeValue[] = L"BytePipe";
 
 // The pipe the running service serves; the plug-in is its client.

@@ -111,6 +111,7 @@ ServiceBehaviour ReadBehaviour() {
     behaviour.pipe.answer = static_cast<AgentDouble::PipeAnswer>(Setting(kPipeAnswerValue));
     behaviour.pipe.retCode = Setting(kAnswerRetCodeValue);
     behaviour.pipe.payloadBytes = Setting(kAnswerPayloadBytesValue);
+    behaviour.pipe.delayMs = Setting(kAnswerDelayValue);
     behaviour.pipe.bytePipe = Setting(kBytePipeValue) != 0;
     return behaviour;
 }

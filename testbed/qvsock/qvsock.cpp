@@ -39,6 +39,15 @@ int WriteAnswer(const char* path, const std::string& answer) {
     return static_cast<int>(written);
 }
 
+// Copies the file's bytes as the answer; the bytes written, or -1 when it cannot.
+int CopyAnswer(const char* path, const std::wstring& source) {
+    WIN32_FILE_ATTRIBUTE_DATA copied{};
+    if (!path || !CopyFileW(source.c_str(), Widen(path).c_str(), FALSE) ||
+        !GetFileAttributesExA(path, GetFileExInfoStandard, &copied))
+        return -1;
+    return static_cast<int>(copied.nFileSizeLow);
+}
+
 int Send(const char* commandPath, int flag, const char* body, uint32_t bodyLength,
          const char* responseFile, int* httpResponseCode, int* responseLength, int reserved,
          const char* commandText) {
@@ -55,12 +64,17 @@ int Send(const char* commandPath, int flag, const char* body, uint32_t bodyLengt
             static_cast<int>(ReadDword(kQvsockHttpCodeValue, kQvsockDefaultHttpCode));
     int written = 0;
     if (result != 0 && !ReadDword(kQvsockNoAnswerFileValue, 0)) {
-        std::wstring answer;
-        std::string text =
-            TestBedRegistry::ReadText(kQvsockBehaviourKey, kQvsockAnswerValue, answer)
-                ? Narrow(answer)
-                : std::string(kQvsockDefaultAnswer);
-        written = WriteAnswer(responseFile, text);
+        std::wstring source;
+        if (TestBedRegistry::ReadText(kQvsockBehaviourKey, kQvsockAnswerFromValue, source)) {
+            written = CopyAnswer(responseFile, source);
+        } else {
+            std::wstring answer;
+            std::string text =
+                TestBedRegistry::ReadText(kQvsockBehaviourKey, kQvsockAnswerValue, answer)
+                    ? Narrow(answer)
+                    : std::string(kQvsockDefaultAnswer);
+            written = WriteAnswer(responseFile, text);
+        }
         if (written < 0)
             return 0;
     }

@@ -110,7 +110,8 @@ bool SetBehaviour(const Behaviour& behaviour) {
            TestBedRegistry::WriteDword(key, kAnswerRetCodeValue, behaviour.answerRetCode) &&
            TestBedRegistry::WriteDword(key, kAnswerPayloadBytesValue,
                                        behaviour.answerPayloadBytes) &&
-           TestBedRegistry::WriteDword(key, kBytePipeValue, behaviour.bytePipe);
+           TestBedRegistry::WriteDword(key, kBytePipeValue, behaviour.bytePipe) &&
+           TestBedRegistry::WriteDword(key, kAnswerDelayValue, behaviour.answerDelayMs);
 }
 
 bool Place(Version version) {

@@ -25,6 +25,12 @@ enum class PipeAnswer : DWORD {
     WrongIdentifier = 3, // a response to the identifier after the command's
     SplitHeader = 4,     // the response in two messages: 20 header bytes, then the rest
     NoAnswer = 5,        // reads the command, journals it and closes the pipe instance
+    // 12 bytes of noise, fewer than a header, then the instance is closed (a
+    // client waiting for the rest of a header would otherwise wait for ever).
+    Garbage = 6,
+    // A response whose header announces 64 payload bytes more than follow,
+    // then the instance is closed: the agent going away mid-message.
+    CutOff = 7,
 };
 
 // Read by the double when it starts: the installer and uninstaller at their
@@ -43,6 +49,7 @@ struct Behaviour {
     DWORD answerPayloadBytes = 0; // payload bytes of every response (4964 makes a 5000-byte reply)
     // A byte-mode pipe: a client that asks for message read mode is refused.
     bool bytePipe = false;
+    DWORD answerDelayMs = 0; // each answer (or close) comes this much later
 };
 bool SetBehaviour(const Behaviour& behaviour);
 

@@ -9,6 +9,11 @@ std::wstring BuiltPath() {
 }
 
 bool SetBehaviour(const Behaviour& behaviour) {
+    if (behaviour.answerFrom.empty())
+        TestBedRegistry::DeleteValue(kQvsockBehaviourKey, kQvsockAnswerFromValue);
+    else if (!TestBedRegistry::WriteText(kQvsockBehaviourKey, kQvsockAnswerFromValue,
+                                         behaviour.answerFrom))
+        return false;
     return TestBedRegistry::WriteDword(kQvsockBehaviourKey, kQvsockSendResultValue,
                                        behaviour.sendResult) &&
            TestBedRegistry::WriteDword(kQvsockBehaviourKey, kQvsockHttpCodeValue,

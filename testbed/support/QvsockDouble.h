@@ -15,6 +15,9 @@ inline constexpr wchar_t kQvsockSendResultValue[] = L"SendResult";
 inline constexpr wchar_t kQvsockHttpCodeValue[] = L"HttpCode";
 // REG_SZ: the answer file's text (UTF-8), absent = kQvsockDefaultAnswer.
 inline constexpr wchar_t kQvsockAnswerValue[] = L"Answer";
+// REG_SZ, a file path: the answer file is a copy of that file's bytes, in
+// place of Answer (huge or binary answers do not fit a registry text).
+inline constexpr wchar_t kQvsockAnswerFromValue[] = L"AnswerFrom";
 // REG_DWORD, nonzero: no answer file is written at all.
 inline constexpr wchar_t kQvsockNoAnswerFileValue[] = L"NoAnswerFile";
 
@@ -32,6 +35,7 @@ struct Behaviour {
     DWORD sendResult = 1;
     DWORD httpCode = kQvsockDefaultHttpCode;
     std::string answer = kQvsockDefaultAnswer;
+    std::wstring answerFrom; // empty: the answer is `answer`
     bool noAnswerFile = false;
 };
 bool SetBehaviour(const Behaviour& behaviour);

@@ -11,10 +11,13 @@
 //   tbctl agent place [--version 3.2|3.3] | install | start | stop | remove | state
 //   tbctl agent behave [--install-exit N] [--delete-exit N] [--start-delay-ms N]
 //                      [--stop-delay-ms N] [--stuck-stop 0|1] [--start-exit N]
-//                      [--pipe-answer normal|wrong-magic|stop-type|wrong-id|split-header|no-answer]
-//                      [--answer-ret-code N] [--answer-payload-bytes N] [--byte-pipe 0|1]
+//                      [--pipe-answer normal|wrong-magic|stop-type|wrong-id|split-header|no-answer
+//                                     |garbage|cut-off]
+//                      [--answer-ret-code N] [--answer-payload-bytes N] [--answer-delay-ms N]
+//                      [--byte-pipe 0|1]
 //   tbctl agent frames           the frames the agent double read from its pipe
-//   tbctl server [--send-result N] [--http-code N] [--answer <json>] [--no-answer-file 0|1]
+//   tbctl server [--send-result N] [--http-code N] [--answer <json>] [--answer-from <file>]
+//                [--no-answer-file 0|1]
 //                                how the HTTP library double answers (an option left out: default)
 //   tbctl server-journal [--clear]
 #include "AgentDouble.h"
@@ -173,6 +176,8 @@ bool ParsePipeAnswer(const std::wstring& text, AgentDouble::PipeAnswer& answer) 
         {L"wrong-id", PipeAnswer::WrongIdentifier},
         {L"split-header", PipeAnswer::SplitHeader},
         {L"no-answer", PipeAnswer::NoAnswer},
+        {L"garbage", PipeAnswer::Garbage},
+        {L"cut-off", PipeAnswer::CutOff},
     };
     auto found = answers.find(text);
     if (found == answers.end())
@@ -184,9 +189,9 @@ bool ParsePipeAnswer(const std::wstring& text, AgentDouble::PipeAnswer& answer) 
 int AgentBehave(const Arguments& arguments) {
     std::map<std::wstring, std::wstring> values;
     const std::vector<std::wstring> numbers = {
-        L"--install-exit",         L"--delete-exit", L"--start-delay-ms",
-        L"--stop-delay-ms",        L"--stuck-stop",  L"--answer-ret-code",
-        L"--answer-payload-bytes", L"--byte-pipe",   L"--start-exit"};
+        L"--install-exit", L"--delete-exit",     L"--start-delay-ms",       L"--stop-delay-ms",
+        L"--stuck-stop",   L"--answer-ret-code", L"--answer-payload-bytes", L"--byte-pipe",
+        L"--start-exit",   L"--answer-delay-ms"};
     std::vector<std::wstring> names = numbers;
     names.push_back(L"--pipe-answer");
     if (!ParsePairs(arguments, names, values))
@@ -202,7 +207,8 @@ int AgentBehave(const Arguments& arguments) {
                        &behaviour.answerRetCode,
                        &behaviour.answerPayloadBytes,
                        &bytePipe,
-                       &behaviour.startExitCode};
+                       &behaviour.startExitCode,
+                       &behaviour.answerDelayMs};
     for (size_t i = 0; i < numbers.size(); ++i)
         if (values.count(numbers[i]) && !ParseNumber(values[numbers[i]], *fields[i]))
             return kExitUsage;
@@ -303,8 +309,10 @@ int Agent(const Arguments& arguments) {
 
 int Server(const Arguments& arguments) {
     std::map<std::wstring, std::wstring> values;
-    if (!ParsePairs(arguments, {L"--send-result", L"--http-code", L"--answer", L"--no-answer-file"},
-                    values))
+    if (!ParsePairs(
+            arguments,
+            {L"--send-result", L"--http-code", L"--answer", L"--answer-from", L"--no-answer-file"},
+            values))
         return kExitUsage;
     QvsockDouble::Behaviour behaviour;
     DWORD noAnswerFile = 0;
@@ -318,6 +326,8 @@ int Server(const Arguments& arguments) {
         return kExitUsage;
     if (values.count(L"--answer"))
         behaviour.answer = Narrow(values[L"--answer"]);
+    if (values.count(L"--answer-from"))
+        behaviour.answerFrom = values[L"--answer-from"];
     behaviour.noAnswerFile = noAnswerFile != 0;
     return Outcome(QvsockDouble::SetBehaviour(behaviour), "server");
 }
@@ -348,12 +358,12 @@ int Usage() {
                  "       tbctl agent behave [--install-exit N] [--delete-exit N]"
                  " [--start-delay-ms N] [--stop-delay-ms N] [--stuck-stop 0|1] [--start-exit N]\n"
                  "                          [--pipe-answer normal|wrong-magic|stop-type"
-                 "|wrong-id|split-header|no-answer]\n"
+                 "|wrong-id|split-header|no-answer|garbage|cut-off]\n"
                  "                          [--answer-ret-code N] [--answer-payload-bytes N]"
-                 " [--byte-pipe 0|1]\n"
+                 " [--answer-delay-ms N] [--byte-pipe 0|1]\n"
                  "       tbctl agent frames\n"
                  "       tbctl server [--send-result N] [--http-code N] [--answer <json>]"
-                 " [--no-answer-file 0|1]\n"
+                 " [--answer-from <file>] [--no-answer-file 0|1]\n"
                  "       tbctl server-journal [--clear]\n");
     return kExitUsage;
 }
