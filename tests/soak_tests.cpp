@@ -3,15 +3,9 @@
 // after warm-up the host's private bytes must not grow, its handles only by
 // the one key handle per self-protection query that stays open by design,
 // and every call must keep giving the result the first ones gave.
-#include "AgentDouble.h"
-#include "LogServer.h"
-#include "QvsockDouble.h"
-#include "TestBed.h"
-
-#include <gtest/gtest.h>
+#include "CommandExportFixture.h"
 
 #include <atomic>
-#include <fstream>
 #include <map>
 #include <regex>
 
@@ -33,40 +27,32 @@ std::string Query(const std::string& id, const std::string& data = "{}") {
     return "query {\"query_id\":\"" + id +
            "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"query_data\":" + data + "}";
 }
-std::string Command(const std::string& id, const std::string& data) {
-    return "command {\"command_id\":\"" + id +
-           "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"command_data\":" + data + "}";
-}
-std::string Notify(const std::string& id, const std::string& data) {
-    return "notify {\"notify_id\":\"" + id +
-           "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"notify_data\":" + data + "}";
-}
 
 // Every path a host meets in a day: each query, a start of the running agent,
 // a policy that talks to the agent and one that writes its configuration,
 // notices to the agent and to the server, a valid and a missing detection
 // file, and requests that are not JSON.
 std::string SoakScript() {
-    return Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG",
-                 "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}") +
-           "\n" + Query("ZEPH_ONQUERY_COMMON_SETTINGS") + "\n" +
-           Query("ZEPH_ONQUERY_SERVICE_STATUS") + "\n" + Query("ZEPH_ONQUERY_SELF_PROTECTION") +
-           "\nquery {\"query_id\":\n" +
-           Command("ZEPH_ONCOMMAND_IAGT_SERVICE", "{\"command_type\":\"ZEPH_TYPE_IAGT_START\"}") +
-           "\n" +
-           Command("ZEPH_ONCOMMAND_IAGENT_POLICY",
-                   "{\"command_type\":\"ZEPH_IAGENT_ISSUE_POLICY\",\"cfg_flag\":1}") +
-           "\n" +
-           Command("ZEPH_ONCOMMAND_IAGENT_POLICY",
-                   "{\"command_type\":\"ZEPH_IAGENT_ISSUE_POLICY\",\"cfg_flag\":4}") +
-           "\ncommand [\n" +
-           Notify("ZEPH_ONNOTIFY_ADMIN_CFG_CHANGE",
-                  "{\"notify_type\":\"ZEPH_TYPE_SELF_PROTECTION\",\"notify_content\":{\"enable\":{"
-                  "\"service\":1}}}") +
-           "\n" +
-           Notify("ZEPH_ONNOTIFY_CONTEXT_CHANGE", "{\"notify_type\":\"ZEPH_TYPE_SERVER_INFO\"}") +
-           "\nnotify {\n" + "parselog " + Narrow(kFolder) + "valid.log\n" + "parselog " +
-           Narrow(kFolder) + "invalid.log\n";
+    const std::string lines[] = {
+        Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}"),
+        Query("ZEPH_ONQUERY_COMMON_SETTINGS"),
+        Query("ZEPH_ONQUERY_SERVICE_STATUS"),
+        Query("ZEPH_ONQUERY_SELF_PROTECTION"),
+        "query {\"query_id\":",
+        Service("ZEPH_TYPE_IAGT_START"),
+        Policy(1),
+        Policy(4),
+        "command [",
+        SelfProtection(1),
+        MoveClient(),
+        "notify {",
+        "parselog " + Narrow(kFolder) + "valid.log",
+        "parselog " + Narrow(kFolder) + "invalid.log",
+    };
+    std::string script;
+    for (const std::string& line : lines)
+        script += line + "\n";
+    return script;
 }
 
 struct SoakGroup {
