@@ -1,7 +1,6 @@
 // The four queries against the real Service Control Manager, registry and
 // files of the Wine prefix, with the agent double installed in its states.
-#include "AgentDouble.h"
-#include "LogCapture.h"
+#include "AgentControlFixture.h"
 #include "MakerCheckLog.h"
 #include "Queries.h"
 #include "UtilClientInfo.h"
@@ -17,19 +16,9 @@ const std::string kClientFolder = "C:\\\\ZephTestBed\\\\iService\\\\Tarn"; // as
 const wchar_t kImageOptions[] =
     L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 
-class QueryTest : public LogCaptureTest {
+// The simulated parent product and the agent double, set up and removed per case.
+class QueryTest : public AgentControlTest {
   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        AgentDouble::Remove();
-        SimulatedInstall::Remove();
-        ASSERT_TRUE(SimulatedInstall::Create());
-    }
-    void TearDown() override {
-        AgentDouble::Remove();
-        SimulatedInstall::Remove();
-    }
-
     // Runs one query; answers its result object as compact JSON.
     static std::string Run(uint32_t (*query)(rapidjson::Value&, JsonAllocator&),
                            uint32_t expectedCode = 0) {
@@ -99,9 +88,10 @@ TEST_F(QueryTest, AbsentAgentAnswersUnknownStateAndEmptyVersions) {
                                "E getClientStatusData - Failed to get client version.",
                                "E getClientStatusData - Failed to get display client version."}));
     EXPECT_EQ(Run(getServiceStatus), ServiceStatus(4));
-    EXPECT_EQ(Logged(),
-              (Lines{openFailed,
-                     "E getServiceStatus - Unable to get service status. Treat as not installed."}));
+    EXPECT_EQ(
+        Logged(),
+        (Lines{openFailed,
+               "E getServiceStatus - Unable to get service status. Treat as not installed."}));
 }
 
 TEST_F(QueryTest, StoppedRunningAndPausedAgent) {
@@ -137,7 +127,8 @@ TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
     std::ofstream(Narrow(config + L"\\tn_agent.ini")) << "[Other]\nEnabled=1\n";
     EXPECT_EQ(Run(getCommonSettings),
               R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":0}})");
-    std::ofstream(Narrow(config + L"\\tn_agent.ini")) << "[Other]\nEnabled=1\n[Policy]\nEnabled=1\n";
+    std::ofstream(Narrow(config + L"\\tn_agent.ini"))
+        << "[Other]\nEnabled=1\n[Policy]\nEnabled=1\n";
     EXPECT_EQ(Run(getCommonSettings),
               R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":1}})");
     EXPECT_EQ(Logged(), Lines{});
@@ -168,14 +159,16 @@ TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptio
         R"("HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\TarnAgent.exe",)"
         R"("HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\hdc.exe"],)"
         R"("process_path":[")" +
-        kClientFolder + R"(\\TarnAgent.exe"],)"
+        kClientFolder +
+        R"(\\TarnAgent.exe"],)"
         R"("service_path":["SYSTEM\\CurrentControlSet\\Services\\kvfltsa",)"
         R"("SYSTEM\\CurrentControlSet\\Services\\TarnAgent"],"whitelist_program":[")" +
         kClientFolder + R"(\\TarnAgent.exe",")" + kClientFolder + R"(\\hdc.exe"]}})";
     EXPECT_EQ(Run(getSelfProtectionData), expected);
-    EXPECT_EQ(Logged(),
-              (Lines{"D hasImageOptionsRegistryCreated - Image options key for TarnAgent.exe created.\n",
-                     "D hasImageOptionsRegistryCreated - Image options key for hdc.exe created.\n"}));
+    EXPECT_EQ(
+        Logged(),
+        (Lines{"D hasImageOptionsRegistryCreated - Image options key for TarnAgent.exe created.\n",
+               "D hasImageOptionsRegistryCreated - Image options key for hdc.exe created.\n"}));
 
     // Keys that exist are left alone; only the missing one is made.
     ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str()), ERROR_SUCCESS);
