@@ -2,6 +2,8 @@
 // process per script.
 #include "CommandExportFixture.h"
 
+#include <fstream>
+
 namespace {
 
 const std::wstring kIniFile = std::wstring(AgentDouble::kClientFolder) + L"\\config\\tn_agent.ini";
@@ -115,6 +117,10 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
 
     AgentDouble::Remove();
     InstallAgent();
+    // A read-only file goes with the folder, as the platform's own removal does it.
+    const std::wstring locked = std::wstring(AgentDouble::kClientFolder) + L"\\locked.dat";
+    std::ofstream(locked.c_str()) << "read-only";
+    ASSERT_TRUE(SetFileAttributesW(locked.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
     EXPECT_TRUE(AgentDouble::ReceivedFrames().empty());
     EXPECT_FALSE(ClientFolderExists());

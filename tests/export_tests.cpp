@@ -84,6 +84,9 @@ TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
         {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_)",
          R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
          {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 11"}},
+        {"]",
+         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 3"}},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));

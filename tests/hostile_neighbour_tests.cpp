@@ -51,7 +51,8 @@ TEST_F(CommandExportTest, SelfProtectionNoticeToAnAgentThatAnswersBadlyOrLate) {
     }
 }
 
-// The install went through, but the reboot it needs was never confirmed.
+// The install went through, but the reboot it needs was never confirmed: a
+// failed install like any other.
 TEST_F(CommandExportTest, InstallThatNeedsARebootFailsOnAHostAnswerThatIsNoJson) {
     AgentDouble::Behaviour rebootNeeded;
     rebootNeeded.installExitCode = 0xFFFFFF92; // -110
@@ -67,7 +68,9 @@ TEST_F(CommandExportTest, InstallThatNeedsARebootFailsOnAHostAnswerThatIsNoJson)
                      "reboot.",
                      "E RequestReboot - Requesting a reboot...",
                      "E RequestReboot - Unable to parse response, rapidjosn parsing error: 2\n",
-                     "E HandleCommand - Unable to request reboot."}));
+                     "E HandleCommand - Unable to request reboot.",
+                     "E HandleCommand - status_error_code: 101",
+                     "E HandleCommand - Unable to Install Tarn agent service."}));
 }
 
 // The server's answer as the HTTP library double hands it over, from a file.

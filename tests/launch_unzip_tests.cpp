@@ -128,6 +128,17 @@ TEST_F(UnzipTest, ForwardAndBackSlashesDirectoriesAndNestedFoldersExtractIntoOne
     EXPECT_EQ(logged.back(), "D DecompressFile - Succeeded to extract zipped files");
 }
 
+TEST_F(UnzipTest, AFolderEntryNeverEndsTheExtraction) {
+    ZipWriter zip;
+    zip.Add("blocker", "a file where a folder would go");
+    zip.Add("blocker/sub/", "");
+    zip.Add("after.txt", "still extracted");
+    zip.Save(kWork + L"\\folders.zip");
+    EXPECT_TRUE(DecompressFile((kWork + L"\\folders.zip").c_str(), (kWork + L"\\target").c_str()));
+    EXPECT_FALSE(IsFolder(kWork + L"\\target\\blocker\\sub"));
+    EXPECT_EQ(ReadText(kWork + L"\\target\\after.txt"), "still extracted");
+}
+
 TEST_F(UnzipTest, FileTimesComeFromTheEntry) {
     ZipWriter zip;
     zip.Add("dated.txt", "x", 0x6000, 0x5A21); // 2025-01-01 12:00:00 local time
@@ -190,6 +201,11 @@ TEST_F(UnzipTest, EntriesNamedOutsideTheTargetAreRefused) {
                       shown);
         EXPECT_EQ(logged.back(), "E DecompressFile - failed to extract zipped files");
     }
+    // The refusal's own code: -105 is the archive library's CRC error.
+    CUnzip unzip;
+    ASSERT_TRUE(unzip.Load());
+    ASSERT_EQ(unzip.Open(Narrow(kWork + L"\\slip.zip").c_str(), true), UNZIP_OK);
+    EXPECT_EQ(unzip.Extract(Narrow(kWork + L"\\target").c_str(), 1, 1, nullptr, nullptr), -106);
     EXPECT_EQ(GetFileAttributesW((kWork + L"\\evil.txt").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetFileAttributesW(L"C:\\evil.txt"), INVALID_FILE_ATTRIBUTES);
     // Entries before the refused one stay on disk.

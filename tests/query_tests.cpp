@@ -1,12 +1,10 @@
 // The four queries against the real Service Control Manager, registry and
 // files of the Wine prefix, with the agent double installed in its states.
 #include "AgentControlFixture.h"
+#include "JsonText.h"
 #include "MakerCheckLog.h"
 #include "Queries.h"
 #include "UtilClientInfo.h"
-
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <fstream>
 
@@ -24,10 +22,7 @@ class QueryTest : public AgentControlTest {
                            uint32_t expectedCode = 0) {
         rapidjson::Document result(rapidjson::kObjectType);
         EXPECT_EQ(query(result, result.GetAllocator()), expectedCode);
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-        result.Accept(writer);
-        return buffer.GetString();
+        return CompactJson(result);
     }
 
     static std::string ServiceStatus(int code) {

@@ -14,6 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::wstring kAgent = AgentDouble::kClientFolder;
+const std::wstring kAgentParent = fs::path(kAgent).parent_path().wstring();
+const std::wstring kTemp = std::wstring(SimulatedInstall::kFolder) + L"Temp";
 const std::wstring kSource = L"C:\\ZephTestBed\\update";
 const std::wstring kBackup = std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup";
 const std::string kUserConfig = "[Policy]\r\nEnabled=0\r\n; the user's own settings\r\n";
@@ -69,6 +71,8 @@ class UpdateTest : public AgentControlTest {
         InstallAgent();
         WriteFile(kAgent + L"\\config\\tn_agent.ini", kUserConfig);
         WriteFile(kAgent + L"\\agent.log", "top-level log");
+        WriteFile(kAgent + L"\\.log", "a log too");
+        WriteFile(kAgent + L"\\UP.LOG", "not a log: the test is exact");
         WriteFile(kAgent + L"\\logs\\detail.log", "kept log");
         m_oldFiles = Snapshot(kAgent);
     }
@@ -112,6 +116,7 @@ TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
     EXPECT_EQ(Counter(), 1);
     Tree backup = m_oldFiles;
     backup.erase("agent.log"); // top-level logs are left out, others kept
+    backup.erase(".log");
     EXPECT_EQ(Snapshot(kBackup), backup);
 
     ASSERT_EQ(DoUpdate(), 0u);
@@ -126,8 +131,8 @@ TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
 
     EXPECT_EQ(zephExt_PostUpdate(), 0u);
     EXPECT_FALSE(fs::exists(kBackup));
-    // Two programs, two folders with a file each, and the backup folder itself.
-    EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(7)."));
+    // Three files, two folders with a file each, and the backup folder itself.
+    EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(8)."));
 }
 
 TEST_F(UpdateTest, EveryFailedStageRollsBackToTheOldAgent) {
@@ -236,6 +241,7 @@ TEST_F(UpdateTest, RollbackUndoesExactlyTheStagesReached) {
 }
 
 TEST_F(UpdateTest, AMissingAgentIsRepairedAndALeftoverBackupReplaced) {
+    ASSERT_TRUE(CreateFolderTree(kAgentParent)); // only the agent's own folder is gone
     WriteFile(kBackup + L"\\stale.txt", "from an earlier update");
     ASSERT_EQ(PreUpdate(), 0u) << "no agent folder: nothing to back up";
     EXPECT_EQ(Counter(), 1);
@@ -258,6 +264,54 @@ TEST_F(UpdateTest, AMissingAgentIsRepairedAndALeftoverBackupReplaced) {
     ASSERT_EQ(PreUpdate(), 0u);
     EXPECT_FALSE(fs::exists(kBackup + L"\\stale.txt"));
     EXPECT_TRUE(fs::exists(kBackup + L"\\TarnAgent.exe"));
+}
+
+// The backup may hold read-only files, copied as they were: every removal
+// deletes them all the same.
+TEST_F(UpdateTest, ReadOnlyFilesNeverKeepABackupAlive) {
+    PlaceOldAgent();
+    WriteFile(kAgent + L"\\locked.dat", "read-only");
+    WriteFile(kAgent + L"\\locked.log", "read-only log");
+    for (const wchar_t* name : {L"\\locked.dat", L"\\locked.log"})
+        ASSERT_TRUE(SetFileAttributesW((kAgent + name).c_str(), FILE_ATTRIBUTE_READONLY));
+    ASSERT_EQ(PreUpdate(), 0u);
+    EXPECT_TRUE(fs::exists(kBackup + L"\\locked.dat"));
+    EXPECT_FALSE(fs::exists(kBackup + L"\\locked.log"));
+    ASSERT_EQ(PreUpdate(), 0u) << "the leftover backup is replaced";
+    EXPECT_EQ(zephExt_PostUpdate(), 0u);
+    EXPECT_FALSE(fs::exists(kBackup));
+    EXPECT_EQ(Complaints(Logged()), Lines{});
+}
+
+// A copy makes its target folder, never a missing parent: each stage fails instead.
+TEST_F(UpdateTest, MissingParentsAreNeverMade) {
+    PlaceOldAgent();
+    RemoveFolderTree(kTemp);
+    EXPECT_EQ(PreUpdate(), 0x1040003u);
+    EXPECT_EQ(Counter(), 0);
+    EXPECT_FALSE(fs::exists(kTemp));
+    const std::string backupFailed = "E zephExt_PreUpdate - Unable to backup Tarn agent files. "
+                                     "Error code: 3,  error message: ";
+    Lines complaints = Complaints(Logged());
+    ASSERT_EQ(complaints.size(), 1u);
+    EXPECT_EQ(complaints[0].substr(0, backupFailed.size()), backupFailed);
+
+    ASSERT_TRUE(CreateFolderTree(kTemp));
+    ASSERT_EQ(PreUpdate(), 0u);
+    AgentDouble::Remove(); // the agent's folder and its parent go
+    ASSERT_FALSE(fs::exists(kAgentParent));
+    EXPECT_EQ(DoUpdate(), 0x1040005u);
+    EXPECT_EQ(Counter(), 2);
+    EXPECT_FALSE(fs::exists(kAgentParent));
+    const std::string replaceFailed = "E zephExt_DoUpdate - Unable to replace files of Tarn agent. "
+                                      "Error code: 3,  error message: ";
+    complaints = Complaints(Logged());
+    ASSERT_FALSE(complaints.empty());
+    EXPECT_EQ(complaints.back().substr(0, replaceFailed.size()), replaceFailed);
+
+    EXPECT_EQ(Rollback(), 0x1040007u) << "nowhere to restore the backup to";
+    EXPECT_FALSE(fs::exists(kAgentParent));
+    EXPECT_EQ(AgentDouble::Journal(), Lines{}) << "no installer ran";
 }
 
 } // namespace

@@ -1,6 +1,9 @@
+#include "JsonText.h"
 #include "JsonRequest.h"
 #include "LogCapture.h"
 #include "RequestValidation.h"
+
+#include <string>
 
 namespace {
 
@@ -218,6 +221,37 @@ TEST(JsonRequestTest, ParsesExactlyTheGivenBytes) {
     EXPECT_FALSE(null.Parse(10, nullptr));
     EXPECT_EQ(RequestText(3, "abcdef"), "abc");
     EXPECT_EQ(RequestText(-1, "abc"), "");
+}
+
+// The log names the default parser's error; the parse itself must survive any depth.
+TEST(JsonRequestTest, ReportsTheDefaultParsersErrorAtAnyDepth) {
+    struct Case {
+        std::string text;
+        rapidjson::ParseErrorCode code;
+        size_t offset;
+    } cases[] = {
+        {"}", rapidjson::kParseErrorValueInvalid, 0},
+        {"]", rapidjson::kParseErrorValueInvalid, 0},
+        {" ,{}", rapidjson::kParseErrorValueInvalid, 1},
+        {"\t\n:", rapidjson::kParseErrorValueInvalid, 2},
+        {"  ", rapidjson::kParseErrorDocumentEmpty, 2},
+        {std::string(" \0}", 3), rapidjson::kParseErrorDocumentEmpty, 1},
+        {"[}", rapidjson::kParseErrorValueInvalid, 1},
+        {"{}}", rapidjson::kParseErrorDocumentRootNotSingular, 2},
+        {std::string(100000, '['), rapidjson::kParseErrorValueInvalid, 100000},
+        {std::string(100000, '{'), rapidjson::kParseErrorObjectMissName, 1},
+    };
+    for (const Case& c : cases) {
+        JsonRequest request;
+        EXPECT_FALSE(request.Parse(static_cast<int32_t>(c.text.size()), c.text.data()));
+        EXPECT_EQ(request.ParseErrorCode(), c.code) << c.text.substr(0, 8);
+        EXPECT_EQ(request.ParseErrorOffset(), c.offset) << c.text.substr(0, 8);
+    }
+    // A deep text that is whole parses too, without recursion.
+    std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    rapidjson::Document document;
+    EXPECT_FALSE(ParseJson(document, deep.data(), deep.size()).IsError());
+    EXPECT_TRUE(document.IsArray());
 }
 
 } // namespace

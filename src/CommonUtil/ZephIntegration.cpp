@@ -2,6 +2,7 @@
 
 #include "DebugLog.h"
 #include "IssuerCheck.h"
+#include "JsonText.h"
 #include "ResolveProc.h"
 #include "UtilRegistry.h"
 
@@ -104,10 +105,10 @@ bool IsRebootAccepted(const char* response, uint32_t responseSize) {
     std::string text = response ? std::string(response, responseSize) : std::string();
     LOGA(LOG_DETAIL, "%s - Response: %s", "RequestReboot", text.c_str());
     rapidjson::Document document;
-    document.Parse(text.data(), text.size());
-    if (document.HasParseError()) {
+    rapidjson::ParseResult parsed = ParseJson(document, text.data(), text.size());
+    if (parsed.IsError()) {
         LOGA(LOG_ERROR, "%s - Unable to parse response, rapidjosn parsing error: %d\n",
-             "RequestReboot", static_cast<int>(document.GetParseError()));
+             "RequestReboot", static_cast<int>(parsed.Code()));
         return false;
     }
     const rapidjson::Value* error = nullptr;

@@ -63,6 +63,12 @@ struct ModuleTraits {
     static Type Empty() { return nullptr; }
     static void Close(Type h) { FreeLibrary(h); }
 };
+// FindFirstFile's search handles close with FindClose.
+struct FindHandleTraits {
+    using Type = HANDLE;
+    static Type Empty() { return INVALID_HANDLE_VALUE; }
+    static void Close(Type h) { FindClose(h); }
+};
 struct ServiceHandleTraits {
     using Type = SC_HANDLE;
     static Type Empty() { return nullptr; }
@@ -74,3 +80,4 @@ using ScopedKernelHandle = ScopedHandle<KernelHandleTraits>;
 using ScopedRegKey = ScopedHandle<RegKeyTraits>;
 using ScopedModule = ScopedHandle<ModuleTraits>;
 using ScopedServiceHandle = ScopedHandle<ServiceHandleTraits>;
+using ScopedFind = ScopedHandle<FindHandleTraits>;

@@ -233,8 +233,12 @@ int CUnzip::ExtractCurrentFile(const std::string& targetFolder, int keepPaths, i
     if (!keepPaths)
         relative = entryName.substr(entryName.rfind('\\') + 1);
     std::string outputPath = JoinPath(targetFolder, relative);
-    if (!entryName.empty() && entryName.back() == '\\')
-        return CreateFolderTree(outputPath.substr(0, outputPath.size() - 1));
+    if (!entryName.empty() && entryName.back() == '\\') {
+        // A folder entry never ends the extraction; a file inside a folder
+        // that could not be made fails on its own.
+        CreateFolderTree(outputPath.substr(0, outputPath.size() - 1));
+        return UNZIP_OK;
+    }
     size_t lastSlash = outputPath.rfind('\\');
     if (lastSlash != std::string::npos) {
         result = CreateFolderTree(outputPath.substr(0, lastSlash));

@@ -41,7 +41,9 @@ enum UnzipResult : int {
     UNZIP_NOT_READY = -1,       // no library, no archive, or the open failed
     UNZIP_NO_TARGET = -102,     // no target folder given
     UNZIP_NO_ENTRY_INFO = -104, // the library lacks unzGetCurrentFileInfo
-    UNZIP_UNSAFE_ENTRY = -105,  // an entry named outside the target folder
+    // An entry named outside the target folder: minizip's own codes run from
+    // -100 to -105 and zlib's from -6 to 2, so no library call answers this.
+    UNZIP_UNSAFE_ENTRY = -106,
 };
 
 class CUnzip {

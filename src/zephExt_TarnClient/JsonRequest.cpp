@@ -1,5 +1,7 @@
 #include "JsonRequest.h"
 
+#include "JsonText.h"
+
 #include <cstring>
 
 namespace {
@@ -10,12 +12,8 @@ constexpr size_t kParseStackSize = 1024;
 JsonRequest::JsonRequest() : m_pool(kPoolChunkSize), m_document(&m_pool, kParseStackSize) {}
 
 bool JsonRequest::Parse(int32_t length, const char* text) {
-    static const char kEmpty[] = "";
-    bool empty = !text || length <= 0;
-    // Iteratively: nesting as deep as the text is long must not overflow the stack.
-    m_document.Parse<rapidjson::kParseIterativeFlag>(empty ? kEmpty : text,
-                                                     empty ? 0 : static_cast<size_t>(length));
-    return !m_document.HasParseError();
+    m_result = ParseJson(m_document, text, length > 0 ? static_cast<size_t>(length) : 0);
+    return !m_result.IsError();
 }
 
 std::string RequestText(int32_t length, const char* text) {

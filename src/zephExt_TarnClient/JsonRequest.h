@@ -14,12 +14,14 @@ class JsonRequest {
 
     // Parses `length` bytes of `text`, which need not be terminated.
     bool Parse(int32_t length, const char* text);
-    int ParseErrorCode() const { return static_cast<int>(m_document.GetParseError()); }
+    int ParseErrorCode() const { return static_cast<int>(m_result.Code()); }
+    size_t ParseErrorOffset() const { return m_result.Offset(); }
     const rapidjson::Document& Document() const { return m_document; }
 
   private:
     rapidjson::MemoryPoolAllocator<> m_pool;
     rapidjson::Document m_document;
+    rapidjson::ParseResult m_result;
 };
 
 // The request as a text for the log: exactly `length` bytes; empty for a

@@ -2,12 +2,12 @@
 
 #include "AnsiText.h"
 #include "DebugLog.h"
+#include "FileSystem.h"
 #include "ScopedHandle.h"
 #include "UtilCommon.h"
 #include "ZephIntegration.h"
 
 #include <algorithm>
-#include <filesystem>
 
 const wchar_t kTarnServiceName[] = L"TarnAgent";
 
@@ -59,11 +59,10 @@ std::wstring FullPath(const wchar_t* self, const std::wstring& path) {
 // Removes the agent folder and what is in it; a removal that fails half-way
 // is only noted, a failed one fails the uninstall.
 int32_t DeleteAgentFolder(const wchar_t* self, const std::wstring& folder) {
-    namespace fs = std::filesystem;
-    if (!fs::exists(fs::path(folder))) // the throwing form: the export boundary catches
+    if (!FileSystem::Exists(folder)) // the throwing form: the export boundary catches
         return 0;
     std::error_code error;
-    std::uintmax_t removed = fs::remove_all(fs::path(folder), error);
+    std::uintmax_t removed = FileSystem::RemoveAll(folder, error);
     if (removed == static_cast<std::uintmax_t>(-1)) {
         LOGA(LOG_ERROR, "%S - Failed to delete Tarn files & directory. Error: %s", self,
              error.message().c_str());

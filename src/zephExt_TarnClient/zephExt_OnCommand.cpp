@@ -70,9 +70,10 @@ bool InstallAgent(const wchar_t* self, const rapidjson::Value& data) {
         LOGW(LOG_DETAIL, L"%s - status_error_code: %d", self, g_InstallStatusCode);
         LOGW(LOG_WARNING, L"%s - Install Tarn agent service successfully but requires a reboot.",
              self);
-        return RequestRebootFor(self);
-    }
-    if (result >= -104 && result <= -101)
+        if (RequestRebootFor(self))
+            return true;
+        // A reboot the host refuses leaves the install unfinished: it fails like any other.
+    } else if (result >= -104 && result <= -101)
         g_InstallStatusCode = kInstallPackageStatus;
     else if (result == 130 || result == 201512009)
         g_InstallStatusCode = result;

@@ -1,5 +1,6 @@
 #include "DebugLog.h"
 #include "JsonRequest.h"
+#include "JsonText.h"
 #include "RequestEnvelope.h"
 #include "RequestHandlers.h"
 #include "RequestValidation.h"
@@ -9,21 +10,11 @@
 #include "ZephProtocol.h"
 #include "zephExt_TarnClient.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <string>
 
 namespace {
 
 constexpr int32_t kMoveClientNotifyType = 3;
-
-std::string CompactJson(const rapidjson::Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    value.Accept(writer);
-    return std::string(buffer.GetString(), buffer.GetSize());
-}
 
 // The administrator's self-protection setting goes to the agent as it came.
 uint32_t ForwardSelfProtection(const wchar_t* self, const rapidjson::Value& data) {

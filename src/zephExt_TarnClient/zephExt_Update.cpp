@@ -4,7 +4,7 @@
 // context is one step counter.
 #include "DebugLog.h"
 #include "ExportBoundary.h"
-#include "FileTree.h"
+#include "FileSystem.h"
 #include "ResultCodes.h"
 #include "ServiceControl.h"
 #include "UtilClientInfo.h"
@@ -13,11 +13,8 @@
 #include "zephExt_TarnClient.h"
 
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -97,23 +94,23 @@ bool RunAgentCommand(const char* self, const std::wstring& executable, const wch
 }
 
 // Log files are never part of the backup; those in sub-folders are kept.
-void DropTopLevelLogs(const char* self, const fs::path& backupFolder) {
-    std::vector<fs::path> logs;
-    for (const fs::directory_entry& entry : fs::directory_iterator(backupFolder))
-        if (entry.path().extension() == ".log")
-            logs.push_back(entry.path());
-    for (const fs::path& log : logs)
-        if (!fs::remove(log)) // throws when the removal fails with an error
+void DropTopLevelLogs(const char* self, const std::wstring& backupFolder) {
+    std::vector<std::wstring> logs;
+    for (const std::wstring& entry : FileSystem::List(backupFolder))
+        if (FileSystem::Extension(entry) == L".log")
+            logs.push_back(entry);
+    for (const std::wstring& log : logs)
+        if (!FileSystem::Remove(log)) // throws when the removal fails with an error
             LOGW(LOG_WARNING, L"%S - Unable to delete log backup. %s", self, log.c_str());
 }
 
 uint32_t BackUp(const char* self, const UpdatePaths& paths, int32_t& counter) {
     LOGA(LOG_INFO, "%s - Backing up Tarn agent...", self);
-    std::uintmax_t removed = fs::remove_all(paths.backupFolder);
+    std::uintmax_t removed = FileSystem::RemoveAll(paths.backupFolder);
     LOGA(LOG_DETAIL, "%s - Deleted %d previous backed up file(s).", self,
          static_cast<int>(removed));
     std::error_code error;
-    bool exists = fs::exists(paths.agentFolder, error);
+    bool exists = FileSystem::Exists(paths.agentFolder, error);
     if (error) {
         LOGA(LOG_ERROR,
              "%s - Unable to check whether Tarn folder exists or not. Error code: %d, error "
@@ -126,7 +123,7 @@ uint32_t BackUp(const char* self, const UpdatePaths& paths, int32_t& counter) {
              "%s - Tarn folder doesn't exist. Skip backup Tarn folder and try to fix it by update.",
              self);
     } else {
-        CopyTree(paths.agentFolder, paths.backupFolder, error);
+        FileSystem::Copy(paths.agentFolder, paths.backupFolder, error);
         if (error) {
             LOGA(LOG_ERROR,
                  "%s - Unable to backup Tarn agent files. Error code: %d,  error message: %s", self,
@@ -143,7 +140,7 @@ uint32_t BackUp(const char* self, const UpdatePaths& paths, int32_t& counter) {
 uint32_t UninstallOldAgent(const char* self, const UpdatePaths& paths) {
     LOGA(LOG_INFO, "%s - Uninstalling Tarn agent...", self);
     std::error_code error;
-    bool exists = fs::exists(paths.agentExecutable, error);
+    bool exists = FileSystem::Exists(paths.agentExecutable, error);
     if (error) {
         LOGA(LOG_ERROR,
              "%s - Unable to check whether TarnAgent.exe exists or not. Error code: %d, error "
@@ -177,7 +174,7 @@ uint32_t ReplaceFiles(const char* self, const ZephUpdateInfo& info, const Update
                     "%s - Unalbe to get installed tarn agent version.");
 
     std::error_code error;
-    CopyTree(sourceFolder, paths.agentFolder, error);
+    FileSystem::Copy(sourceFolder, paths.agentFolder, error);
     if (error) {
         LOGA(LOG_ERROR,
              "%s - Unable to replace files of Tarn agent. Error code: %d,  error message: %s", self,
@@ -185,8 +182,8 @@ uint32_t ReplaceFiles(const char* self, const ZephUpdateInfo& info, const Update
         return RESULT_REPLACE_FAILED;
     }
     // The old configuration is all that survives of the old installation.
-    CopyTree(fs::path(paths.backupFolder) / L"config", fs::path(paths.agentFolder) / L"config",
-             error);
+    FileSystem::Copy(FileSystem::Join(paths.backupFolder, L"config"),
+                     FileSystem::Join(paths.agentFolder, L"config"), error);
     if (error)
         LOGA(LOG_ERROR,
              "%s - Unable to copy back config file of Tarn agent. Error code: %d,  error message: "
@@ -256,7 +253,7 @@ uint32_t zephExt_PostUpdate(void) {
     if (!BeginStage(self, nullptr, paths, false))
         return RESULT_GENERIC_FAILURE;
     try {
-        std::uintmax_t removed = fs::remove_all(paths.backupFolder);
+        std::uintmax_t removed = FileSystem::RemoveAll(paths.backupFolder);
         LOGA(LOG_INFO, "%s - Deleted backup files(%d).", self, static_cast<int>(removed));
     } catch (const std::exception& failure) {
         return StageFailed(self, failure, RESULT_GENERIC_FAILURE);
@@ -281,8 +278,8 @@ uint32_t zephExt_Rollback(void* /*unused*/, void* context) {
         LOGA(LOG_INFO, "%s - Rolling back files from backup...", self);
         // No backup folder: there was no agent folder to back up, nothing to restore.
         std::error_code error;
-        if (fs::exists(paths.backupFolder, error))
-            CopyTree(paths.backupFolder, agentFolder, error);
+        if (FileSystem::Exists(paths.backupFolder, error))
+            FileSystem::Copy(paths.backupFolder, agentFolder, error);
         if (error) {
             LOGA(LOG_ERROR, "%s - File system error: %s", self, error.message().c_str());
             return RESULT_ROLLBACK_FAILED;

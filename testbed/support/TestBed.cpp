@@ -75,6 +75,11 @@ std::vector<std::string> SplitLines(const std::string& text) {
 }
 
 void RemoveFolderTree(const std::wstring& folder) {
+    namespace fs = std::filesystem;
+    // The toolchain's remove_all refuses read-only entries: make them writable first.
     std::error_code ignored;
-    std::filesystem::remove_all(std::filesystem::path(folder), ignored);
+    for (auto entry = fs::recursive_directory_iterator(fs::path(folder), ignored);
+         !ignored && entry != fs::recursive_directory_iterator(); entry.increment(ignored))
+        SetFileAttributesW(entry->path().c_str(), FILE_ATTRIBUTE_NORMAL);
+    fs::remove_all(fs::path(folder), ignored);
 }
