@@ -1,28 +1,15 @@
 #include "UtilRegistry.h"
 
 #include "DebugLog.h"
-
-#include <cwctype>
+#include "RegistryKeyText.h"
 
 namespace {
 
-struct RootName {
-    HKEY root;
-    const wchar_t* longName;
-    const wchar_t* shortName;
+// In the rows of kRegistryRootNames.
+const HKEY kRoots[kRegistryRootCount] = {
+    HKEY_CLASSES_ROOT,     HKEY_CURRENT_USER,   HKEY_LOCAL_MACHINE, HKEY_USERS,
+    HKEY_PERFORMANCE_DATA, HKEY_CURRENT_CONFIG, HKEY_DYN_DATA,
 };
-
-// Row positions are the indexes ExtractKeyName answers.
-const RootName kRoots[] = {
-    {HKEY_CLASSES_ROOT, L"HKEY_CLASSES_ROOT", L"HKCR"},
-    {HKEY_CURRENT_USER, L"HKEY_CURRENT_USER", L"HKCU"},
-    {HKEY_LOCAL_MACHINE, L"HKEY_LOCAL_MACHINE", L"HKLM"},
-    {HKEY_USERS, L"HKEY_USERS", L"HKU"},
-    {HKEY_PERFORMANCE_DATA, L"HKEY_PERFORMANCE_DATA", L"HKPD"},
-    {HKEY_CURRENT_CONFIG, L"HKEY_CURRENT_CONFIG", L"HKCC"},
-    {HKEY_DYN_DATA, L"HKEY_DYN_DATA", L"HKDD"},
-};
-constexpr int kRootCount = sizeof(kRoots) / sizeof(kRoots[0]);
 
 // The registry takes an empty value name as the key's default value only as null.
 const wchar_t* RegistryName(const std::wstring& valueName) {
@@ -33,7 +20,7 @@ const wchar_t* RegistryName(const std::wstring& valueName) {
 
 utilRegKey::utilRegKey(const std::wstring& fullKeyName, uint32_t view)
     : m_subKey(fullKeyName), m_view(view) {
-    m_root = kRoots[ExtractKeyName(m_subKey)].root;
+    m_root = kRoots[ExtractKeyName(m_subKey)];
 }
 
 utilRegKey::~utilRegKey() {
@@ -41,21 +28,10 @@ utilRegKey::~utilRegKey() {
 }
 
 int utilRegKey::ExtractKeyName(std::wstring& key) {
-    size_t backslash = key.find(L'\\');
     std::wstring prefix;
-    if (backslash != std::wstring::npos) {
-        prefix = key.substr(0, backslash);
-        for (wchar_t& c : prefix)
-            c = static_cast<wchar_t>(towupper(c));
-    }
-    for (int row = 0; row < kRootCount; ++row) {
-        if (!prefix.empty() &&
-            (prefix == kRoots[row].longName || prefix == kRoots[row].shortName)) {
-            // A trailing backslash stays in the subkey: the key is used as written.
-            key.erase(0, backslash + 1);
-            return row;
-        }
-    }
+    int row = SplitRegistryKeyText(key, prefix);
+    if (row >= 0)
+        return row;
     LOGW(LOG_ERROR, L"%s - Invalid key prefix: root(%s), key(%s)\n", L"utilRegKey::ExtractKeyName",
          prefix.c_str(), key.c_str());
     return 0;
@@ -122,14 +98,14 @@ bool utilRegKey::Close() {
 
 std::wstring utilRegKey::GetStdKeyFromHkey() const {
     int row = 0;
-    while (row < kRootCount && kRoots[row].root != m_root)
+    while (row < kRegistryRootCount && kRoots[row] != m_root)
         ++row;
-    if (row == kRootCount) {
+    if (row == kRegistryRootCount) {
         LOGW(LOG_ERROR, L"%s - non root hkey passed to utilRegKey::GetStdKeyFromHkey.\n",
              L"utilRegKey::GetStdKeyFromHkey");
         row = 0;
     }
-    std::wstring name = kRoots[row].shortName;
+    std::wstring name = kRegistryRootNames[row][1];
     if (!m_subKey.empty())
         name += L"\\" + m_subKey;
     return name;

@@ -3,6 +3,7 @@
 #include "DebugLog.h"
 #include "IssuerCheck.h"
 #include "JsonText.h"
+#include "RebootAnswer.h"
 #include "ResolveProc.h"
 #include "UtilRegistry.h"
 
@@ -98,39 +99,6 @@ std::string RebootRequestText() {
     writer.String("ZEPH_IPRODUCT_TARN");
     writer.EndObject();
     return std::string(buffer.GetString(), buffer.GetSize());
-}
-
-// Reads the host's answer to a reboot request; true when it reports error 0.
-bool IsRebootAccepted(const char* response, uint32_t responseSize) {
-    std::string text = response ? std::string(response, responseSize) : std::string();
-    LOGA(LOG_DETAIL, "%s - Response: %s", "RequestReboot", text.c_str());
-    rapidjson::Document document;
-    rapidjson::ParseResult parsed = ParseJson(document, text.data(), text.size());
-    if (parsed.IsError()) {
-        LOGA(LOG_ERROR, "%s - Unable to parse response, rapidjosn parsing error: %d\n",
-             "RequestReboot", static_cast<int>(parsed.Code()));
-        return false;
-    }
-    const rapidjson::Value* error = nullptr;
-    if (document.IsObject()) {
-        auto result = document.FindMember("system_call_result");
-        if (result != document.MemberEnd() && result->value.IsObject()) {
-            auto member = result->value.FindMember("system_call_error");
-            if (member != result->value.MemberEnd())
-                error = &member->value;
-        }
-    }
-    if (!error || error->IsNull() || !error->IsInt()) {
-        LOGA(LOG_ERROR, "%s - Missing error code in ZEPH response.", "RequestReboot");
-        return false;
-    }
-    if (error->GetInt() != 0) {
-        LOGA(LOG_ERROR, "%s - ZEPH response with error code: %d", "RequestReboot", error->GetInt());
-        return false;
-    }
-    // The host's own convention logs this success at error level too.
-    LOGA(LOG_ERROR, "%s - Successfully requested a reboot.", "RequestReboot");
-    return true;
 }
 
 bool init() {
@@ -340,7 +308,7 @@ int RequestReboot() {
         LOGA(LOG_ERROR, "%s - ZEPH System call retruned error: %d", "RequestReboot",
              static_cast<int>(status));
     else
-        accepted = IsRebootAccepted(response, responseSize);
+        accepted = CheckRebootAnswer(response, responseSize) == RebootAnswer::Accepted;
     // Whatever the outcome, the host's buffer goes back to the host.
     adapter.Free(response);
     return accepted ? 1 : 0;

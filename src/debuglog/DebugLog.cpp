@@ -56,12 +56,12 @@ void ReportOpenFailure(DWORD error) {
         if (g_WarnedNoServer)
             return;
         g_WarnedNoServer = true;
-        printf("Need to Start LogServer for turn on debug log. errno=%d\n",
-               static_cast<int>(error));
+        (void)printf("Need to Start LogServer for turn on debug log. errno=%d\n",
+                     static_cast<int>(error));
     } else {
-        printf("Initial pipe client failed! errno=%d\n", static_cast<int>(error));
+        (void)printf("Initial pipe client failed! errno=%d\n", static_cast<int>(error));
     }
-    fflush(stdout);
+    (void)fflush(stdout);
 }
 
 ScopedFile OpenLogPipe() {
@@ -100,8 +100,8 @@ bool WriteChunked(HANDLE pipe, const BYTE* bytes, DWORD size) {
         DWORD error = GetLastError();
         if (error == ERROR_NO_SYSTEM_RESOURCES)
             continue; // the pipe's quota recovers as the server reads
-        printf("Pipe send failed!. errno=%d\n", static_cast<int>(error));
-        fflush(stdout);
+        (void)printf("Pipe send failed!. errno=%d\n", static_cast<int>(error));
+        (void)fflush(stdout);
         return false;
     }
     return true;
@@ -138,12 +138,14 @@ int SendDebugLogRecord(int32_t time, uint32_t processId, uint32_t threadId, int 
     return WriteChunked(pipe.Get(), reinterpret_cast<const BYTE*>(record.c_str()), size) ? 1 : 0;
 }
 
+// The log call is printf-style for every caller, as the log server's clients are.
+// NOLINTNEXTLINE(cert-dcl50-cpp)
 void DebugLogA(int level, const char* sourceFile, int line, const char* format, ...) {
     LastErrorKeeper keeper;
     char text[kTextChars] = {};
-    size_t prefixLength = 0;
     wchar_t prefix[kTextChars];
-    if ((prefixLength = FormatPrefix(prefix, kTextChars)) != 0)
+    const size_t prefixLength = FormatPrefix(prefix, kTextChars);
+    if (prefixLength != 0)
         WideCharToMultiByte(CP_ACP, 0, prefix, -1, text, kTextChars, nullptr, nullptr);
     if (format && prefixLength < kTextChars - 1) {
         va_list args;
@@ -158,6 +160,7 @@ void DebugLogA(int level, const char* sourceFile, int line, const char* format, 
     SendText(level, sourceFile ? wideSource.c_str() : nullptr, line, wideText.c_str());
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style like DebugLogA.
 void DebugLogW(int level, const wchar_t* sourceFile, int line, const wchar_t* format, ...) {
     LastErrorKeeper keeper;
     wchar_t text[kTextChars] = {};

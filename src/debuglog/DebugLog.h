@@ -12,7 +12,11 @@ enum DebugLogLevel : int {
     LOG_WARNING = 'W',
 };
 
-#if defined(__GNUC__) && defined(_WIN32)
+// clang knows no ms_printf; for a Windows target its printf checks follow the
+// platform's own rules already.
+#if defined(__clang__) && defined(_WIN32)
+#define DEBUGLOG_FORMAT_A __attribute__((format(printf, 4, 5)))
+#elif defined(__GNUC__) && defined(_WIN32)
 #define DEBUGLOG_FORMAT_A __attribute__((format(ms_printf, 4, 5)))
 #else
 #define DEBUGLOG_FORMAT_A

@@ -33,7 +33,6 @@ constexpr DWORD kStateVerify = 1;
 constexpr DWORD kStateClose = 2;
 constexpr DWORD kNoRevocationSaferCachedUrls = 0x1110;
 constexpr DWORD kVerifySpecificAndCountSecondary = 0x3;
-constexpr DWORD kSignerFlags = SIGNER_FLAG_MAKER | SIGNER_FLAG_MICROSOFT;
 
 const wchar_t kSingleSign[] = L"CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign";
 const wchar_t kMultipleSign[] =
@@ -163,7 +162,7 @@ std::wstring HexPairs(const std::vector<BYTE>& bytes) {
     std::wstring text;
     wchar_t pair[3];
     for (BYTE byte : bytes) {
-        swprintf(pair, 3, L"%02X", byte);
+        (void)swprintf(pair, 3, L"%02X", byte);
         text += pair;
     }
     return text;

@@ -71,8 +71,8 @@ void RecordInvalidSignature(const wchar_t* path, DWORD error, DWORD flags) {
     WORD version[4] = {};
     FileVersion(path, version);
     std::vector<wchar_t> record(wcslen(path) + 64);
-    swprintf(record.data(), record.size(), L"%ls|%d.%d.%d.%d|0x%.8x|%d", path, version[0],
-             version[1], version[2], version[3], error, flags);
+    (void)swprintf(record.data(), record.size(), L"%ls|%d.%d.%d.%d|0x%.8x|%d", path, version[0],
+                   version[1], version[2], version[3], error, flags);
     WriteLastInfoFile(record.data());
     WriteTelemetryValue(record.data());
 }

@@ -149,11 +149,11 @@ void WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed(const char* file
         return;
     t_ReportingRefusal = true;
     std::vector<char> message(kEventMessageBytes, '\0');
-    snprintf(message.data(), message.size(),
-             "Corvale agent attempted to load a library not signed by the expected issuer "
-             "\"%s\". The process was stopped. Verify the integrity of the library and try "
-             "again (%s).",
-             issuerName, file);
+    (void)snprintf(message.data(), message.size(),
+                   "Corvale agent attempted to load a library not signed by the expected issuer "
+                   "\"%s\". The process was stopped. Verify the integrity of the library and try "
+                   "again (%s).",
+                   issuerName, file);
     // The reporter unloads the library when it goes, on every path.
     CQvNotifyDLL notify;
     if (!notify.Init(nullptr)) {

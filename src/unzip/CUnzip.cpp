@@ -1,6 +1,7 @@
 #include "CUnzip.h"
 
 #include "DebugLog.h"
+#include "EntryPath.h"
 #include "IssuerCheck.h"
 #include "ResolveProc.h"
 
@@ -42,12 +43,6 @@ bool IsServerCore() {
         if (type == core)
             return true;
     return false;
-}
-
-std::string JoinPath(const std::string& folder, const std::string& name) {
-    if (folder.empty() || folder.back() == '\\')
-        return folder + name;
-    return folder + "\\" + name;
 }
 
 bool Exists(const std::string& path) {
@@ -104,22 +99,6 @@ int CreateFolderTree(const std::string& folder) {
     }
 }
 
-bool IsSafeEntryName(const std::string& name) {
-    if (name.empty() || name[0] == '\\' || name.find(':') != std::string::npos)
-        return false;
-    size_t start = 0;
-    while (start <= name.size()) {
-        size_t end = name.find('\\', start);
-        if (name.compare(start, end == std::string::npos ? std::string::npos : end - start, "..") ==
-            0)
-            return false;
-        if (end == std::string::npos)
-            break;
-        start = end + 1;
-    }
-    return true;
-}
-
 CUnzip::CUnzip() {
     LoadLibraryFile(HostExecutableFolder() +
                     (IsServerCore() ? "libZipUnZipDll_64x.dll" : "zlibwapi.dll"));
@@ -171,7 +150,8 @@ int CUnzip::Open(const char* archivePath, bool wantZipExtension) {
     const char* dot = strrchr(archivePath, '.');
     if (wantZipExtension && (!dot || _stricmp(dot + 1, "zip") != 0)) {
         strncpy(m_archivePath, archivePath, 256);
-        strcat(m_archivePath, ".Zip");
+        // 256 characters and ".Zip" fill the 261-byte buffer at most.
+        strncat(m_archivePath, ".Zip", sizeof(m_archivePath) - strlen(m_archivePath) - 1);
     } else {
         strncpy(m_archivePath, archivePath, 260);
     }
@@ -217,10 +197,7 @@ int CUnzip::ExtractCurrentFile(const std::string& targetFolder, int keepPaths, i
         m_unzGetCurrentFileInfo(m_archive, &info, name, sizeof(name), nullptr, 0, nullptr, 0);
     if (result != UNZ_OK)
         return result;
-    std::string entryName = name;
-    for (char& c : entryName)
-        if (c == '/')
-            c = '\\';
+    std::string entryName = EntryNameWithBackslashes(name);
     // Nothing may land outside the target folder, whatever the archive says.
     if (!IsSafeEntryName(entryName)) {
         LOGA(LOG_ERROR, "%s - Refused entry outside the target folder: %s",
@@ -229,10 +206,7 @@ int CUnzip::ExtractCurrentFile(const std::string& targetFolder, int keepPaths, i
     }
     if (callback && callback(entryName.c_str(), context) == 0)
         return UNZIP_OK;
-    std::string relative = entryName;
-    if (!keepPaths)
-        relative = entryName.substr(entryName.rfind('\\') + 1);
-    std::string outputPath = JoinPath(targetFolder, relative);
+    std::string outputPath = EntryOutputPath(targetFolder, entryName, keepPaths != 0);
     if (!entryName.empty() && entryName.back() == '\\') {
         // A folder entry never ends the extraction; a file inside a folder
         // that could not be made fails on its own.

@@ -1,6 +1,7 @@
 #pragma once
 // Unpacking the agent's package archive through the archive library's unz
 // functions, bound at run time from a library that passed the issuer check.
+#include "EntryPath.h"
 #include "ScopedHandle.h"
 
 #include <unzip.h>
@@ -88,5 +89,3 @@ class CUnzip {
 // root. 0 when it exists afterwards; 8 for an empty or over-long path; else
 // the system error.
 int CreateFolderTree(const std::string& folder);
-// True when an entry name stays inside the target: no root, drive or "..".
-bool IsSafeEntryName(const std::string& name);

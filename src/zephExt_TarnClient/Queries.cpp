@@ -78,15 +78,7 @@ std::string AgentVersionText(bool display, const char* failure) {
         LOGA(LOG_ERROR, failure, "getClientStatusData");
         return std::string();
     }
-    char text[20];
-    if (display)
-        snprintf(text, sizeof(text), "%d.%d.%d.%d", static_cast<int>(version.major),
-                 static_cast<int>(version.minor), static_cast<int>(version.third),
-                 static_cast<int>(version.build));
-    else
-        snprintf(text, sizeof(text), "%d.%d.%d", static_cast<int>(version.major),
-                 static_cast<int>(version.minor), static_cast<int>(version.build));
-    return text;
+    return VersionText(version, display);
 }
 
 // The agent's folder for a query that can't answer without it.

@@ -248,7 +248,8 @@ int32_t StartTarn() {
     return static_cast<int32_t>(status.dwWin32ExitCode);
 }
 
-int32_t InstallTarn(std::string archivePath) {
+// By value, as the command handler's interface takes it.
+int32_t InstallTarn(std::string archivePath) { // NOLINT(performance-unnecessary-value-param)
     const wchar_t* self = L"InstallTarn";
     std::wstring folder;
     if (!AgentFolder(self, folder))

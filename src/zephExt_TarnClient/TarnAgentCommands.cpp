@@ -164,7 +164,9 @@ int32_t NotifyTarnAgent() {
     return 0;
 }
 
-int32_t SendSelfProtectionStatus(std::string statusJson) {
+// By value, as the agent commands' interface takes it.
+int32_t
+SendSelfProtectionStatus(std::string statusJson) { // NOLINT(performance-unnecessary-value-param)
     const wchar_t* self = L"SendSelfProtectionStatus";
     static const CommandTexts texts = {
         L"%s - Unable to send self protection status.",

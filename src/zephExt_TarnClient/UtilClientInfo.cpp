@@ -5,6 +5,7 @@
 #include "ServiceControl.h"
 #include "ZephIntegration.h"
 
+#include <cstdio>
 #include <vector>
 
 std::wstring ClientFile(const std::wstring& folder, const wchar_t* fileName) {
@@ -90,4 +91,17 @@ bool GetAgentVersion(FileVersion& version) {
     std::wstring clientPath;
     return GetClientPath(clientPath) &&
            GetFileVersion(clientPath + L"\\" + L"TarnAgent" + L".exe", version);
+}
+
+std::string VersionText(const FileVersion& version, bool withThird) {
+    // Room for four parts of any size: 16-bit parts alone need 24 bytes.
+    char text[48];
+    if (withThird)
+        (void)snprintf(text, sizeof(text), "%d.%d.%d.%d", static_cast<int>(version.major),
+                       static_cast<int>(version.minor), static_cast<int>(version.third),
+                       static_cast<int>(version.build));
+    else
+        (void)snprintf(text, sizeof(text), "%d.%d.%d", static_cast<int>(version.major),
+                       static_cast<int>(version.minor), static_cast<int>(version.build));
+    return text;
 }

@@ -12,6 +12,10 @@ struct FileVersion {
     uint32_t build = 0;
 };
 
+// "%d.%d.%d.%d" of all four parts, or "%d.%d.%d" of the first, second and
+// fourth (the agent's own version text leaves the third out).
+std::string VersionText(const FileVersion& version, bool withThird = true);
+
 // The product version of a file's version resource; false (silently) when the
 // file has none.
 bool GetFileVersion(const std::wstring& filePath, FileVersion& version);

@@ -6,6 +6,7 @@
 #include "JsonRequest.h"
 #include "ResolveProc.h"
 #include "ScopedHandle.h"
+#include "ServerAnswer.h"
 #include "ZephIntegration.h"
 
 #include <rapidjson/stringbuffer.h>
@@ -252,7 +253,7 @@ bool loadFileToString(const char* path, std::string& content) {
     } else {
         content.clear();
     }
-    fclose(file);
+    (void)fclose(file); // opened for reading: nothing to flush
     if (length < 0 || read != static_cast<size_t>(length)) {
         LOGA(LOG_ERROR, "%s - Unable to read file(%s), expect length(%d), actual(%d)", self, path,
              static_cast<int>(length), static_cast<int>(read));
@@ -317,15 +318,5 @@ bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* co
         LOGA(LOG_ERROR, "%s - Unable to talk to Tarn Server.", self);
         return false;
     }
-    const rapidjson::Value& document = answer.Document();
-    const rapidjson::Value* value = FindMember(document, "value");
-    if (!IsStringEqual(FindMember(document, "name"), "errorCode") || !value || !value->IsInt()) {
-        LOGA(LOG_ERROR, "%s - Invalid response format.", self);
-        return false;
-    }
-    if (value->GetInt() != 0) {
-        LOGA(LOG_ERROR, "%s - Tarn server respond error:%d", self, value->GetInt());
-        return false;
-    }
-    return true;
+    return CheckServerAnswer(answer.Document()) == ServerAnswer::Success;
 }

@@ -56,14 +56,6 @@ int32_t& Counter(void* context) {
     return *static_cast<int32_t*>(context);
 }
 
-std::string VersionText(const FileVersion& version) {
-    char text[64];
-    std::snprintf(text, sizeof(text), "%d.%d.%d.%d", static_cast<int>(version.major),
-                  static_cast<int>(version.minor), static_cast<int>(version.third),
-                  static_cast<int>(version.build));
-    return text;
-}
-
 void LogAgentVersion(const char* self, const char* found, const char* missing) {
     FileVersion version;
     if (GetAgentVersion(version))
