@@ -68,9 +68,20 @@ def spdx_id(kind, name):
 
 # ---------------------------------------------------------------- bill of materials
 
+def spdx_package(kind, name, supplier, comment, **fields):
+    """A package element with what SPDX requires and nothing concluded about licences."""
+    package = {"SPDXID": spdx_id(kind, name), "name": name, "supplier": supplier,
+               "downloadLocation": "NOASSERTION", "filesAnalyzed": False}
+    package.update(fields)
+    package.update({"comment": comment, "licenseConcluded": "NOASSERTION",
+                    "licenseDeclared": "NOASSERTION", "copyrightText": "NOASSERTION",
+                    "primaryPackagePurpose": "LIBRARY"})
+    return package
+
+
 def linked_files(map_path):
-    """Files outside the build that the link took code from: archives with a
-    member pulled in, and object files loaded directly."""
+    """What the link took code from: archives with a member pulled in, and
+    object files loaded directly."""
     files = set()
     with open(map_path, encoding="utf-8", errors="replace") as f:
         for line in f:
@@ -150,85 +161,53 @@ def purl(package, version, arch):
 
 
 def component_package(name, packages, versions, linked):
-    versions_seen = sorted({versions[p][0] for p in packages})
     archives = sorted({os.path.basename(f) for files in packages.values() for f in files
                        if f in linked})
     headers = sum(1 for files in packages.values() for f in files if f not in linked)
-    what = []
-    if archives:
-        what.append("linked in from " + ", ".join(archives))
-    if headers:
-        what.append("%d headers compiled in" % headers)
-    return {
-        "SPDXID": spdx_id("Package", name),
-        "name": name,
-        "versionInfo": " / ".join(versions_seen),
-        "supplier": "Organization: Debian",
-        "downloadLocation": "NOASSERTION",
-        "filesAnalyzed": False,
-        "sourceInfo": "Debian package%s on the build machine: %s" % (
+    what = (["linked in from " + ", ".join(archives)] if archives else []) + \
+        (["%d headers compiled in" % headers] if headers else [])
+    return spdx_package(
+        "Package", name, "Organization: Debian", "; ".join(what),
+        versionInfo=" / ".join(sorted({versions[p][0] for p in packages})),
+        sourceInfo="Debian package%s on the build machine: %s" % (
             "s" if len(packages) > 1 else "",
             ", ".join("%s %s" % (p, versions[p][0]) for p in sorted(packages))),
-        "comment": "; ".join(what),
-        "licenseConcluded": "NOASSERTION",
-        "licenseDeclared": "NOASSERTION",
-        "copyrightText": "NOASSERTION",
-        "primaryPackagePurpose": "LIBRARY",
-        "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
-                          "referenceLocator": purl(p, *versions[p])} for p in sorted(packages)],
-    }
+        externalRefs=[{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                       "referenceLocator": purl(p, *versions[p])} for p in sorted(packages)])
+
+
+def linked_components(build, source):
+    """The packages of what was compiled or linked into the DLL, one per component."""
+    linked = outside_project(linked_files(os.path.join(build, "bin", DLL + ".map")), source, build)
+    headers = outside_project(compiled_headers(build), source, build)
+    components = component_packages(owning_packages(linked | headers))
+    versions = package_versions({p for packages in components.values() for p in packages})
+    return [component_package(c, components[c], versions, linked)
+            for c in sorted(components, key=str.lower)]
 
 
 def make_sbom(args):
-    map_path = os.path.join(args.build, "bin", DLL + ".map")
-    linked = outside_project(linked_files(map_path), args.source, args.build)
-    headers = outside_project(compiled_headers(args.build), args.source, args.build)
-    owners = owning_packages(linked | headers)
-    components = component_packages(owners)
-    versions = package_versions({p for packages in components.values() for p in packages})
-
     dll_sha256 = sha256(args.dll)
-    name = "zephExt_TarnClient-%s-win-x64" % args.version
-    plugin_id = spdx_id("Package", "zephExt_TarnClient")
-    plugin = {
-        "SPDXID": plugin_id,
-        "name": "zephExt_TarnClient",
-        "versionInfo": args.version,
-        "packageFileName": DLL,
-        "supplier": SUPPLIER,
-        "downloadLocation": "NOASSERTION",
-        "filesAnalyzed": False,
-        "checksums": [{"algorithm": "SHA256", "checksumValue": dll_sha256}],
-        "licenseConcluded": "NOASSERTION",
-        "licenseDeclared": "NOASSERTION",
-        "copyrightText": "NOASSERTION",
-        "primaryPackagePurpose": "LIBRARY",
-        "description": "Windows x86-64 plug-in DLL of the Zeph host agent framework that manages "
-                       "the Tarn Agent; Authenticode-signed, debug information in " + DEBUG + ".",
-    }
-    linked_packages = [component_package(c, components[c], versions, linked)
-                       for c in sorted(components, key=str.lower)]
-    neighbours = [{
-        "SPDXID": spdx_id("Runtime", file),
-        "name": file,
-        "supplier": "NOASSERTION",
-        "downloadLocation": "NOASSERTION",
-        "filesAnalyzed": False,
-        "comment": comment + " Not part of this package: the parent product ships it.",
-        "licenseConcluded": "NOASSERTION",
-        "licenseDeclared": "NOASSERTION",
-        "copyrightText": "NOASSERTION",
-        "primaryPackagePurpose": "LIBRARY",
-    } for file, comment in NEIGHBOURS]
+    plugin = spdx_package(
+        "Package", "zephExt_TarnClient", SUPPLIER,
+        "Windows x86-64 plug-in DLL of the Zeph host agent framework that manages the Tarn "
+        "Agent; Authenticode-signed, its debug information in " + DEBUG + ".",
+        versionInfo=args.version, packageFileName=DLL,
+        checksums=[{"algorithm": "SHA256", "checksumValue": dll_sha256}])
+    linked = linked_components(args.build, args.source)
+    neighbours = [spdx_package("Runtime", file, "NOASSERTION",
+                               comment + " Not part of this package: the parent product ships it.")
+                  for file, comment in NEIGHBOURS]
+    relation = lambda kind, other, **extra: dict(
+        spdxElementId=plugin["SPDXID"], relationshipType=kind, relatedSpdxElement=other["SPDXID"], **extra)
     relationships = [{"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES",
-                      "relatedSpdxElement": plugin_id}]
-    relationships += [{"spdxElementId": plugin_id, "relationshipType": "STATIC_LINK",
-                       "relatedSpdxElement": p["SPDXID"]} for p in linked_packages]
-    relationships += [{"spdxElementId": plugin_id, "relationshipType": "DEPENDS_ON",
-                       "relatedSpdxElement": p["SPDXID"],
-                       "comment": "loaded at run time, not part of this package"} for p in neighbours]
+                      "relatedSpdxElement": plugin["SPDXID"]}]
+    relationships += [relation("STATIC_LINK", p) for p in linked]
+    relationships += [relation("DEPENDS_ON", p, comment="loaded at run time, not part of this package")
+                      for p in neighbours]
     signing = ("Signed with the throw-away test PKI: for testing only, not for shipping."
                if args.signing == "test" else "Signed with the vendor's certificate.")
+    name = "zephExt_TarnClient-%s-win-x64" % args.version
     document = {
         "spdxVersion": "SPDX-2.3",
         "dataLicense": "CC0-1.0",
@@ -241,7 +220,7 @@ def make_sbom(args):
             "creators": ["Tool: scripts/release", SUPPLIER],
             "comment": "Versions as the build machine's Debian packages report them. " + signing,
         },
-        "packages": [plugin] + linked_packages + neighbours,
+        "packages": [plugin] + linked + neighbours,
         "relationships": relationships,
     }
     with open(args.out, "w", encoding="utf-8") as f:
