@@ -8,42 +8,20 @@
 #include "zephExt_TarnClient.h"
 
 #include <fstream>
+#include <functional>
 
 namespace {
 
 using Fields = std::vector<std::string>;
 
 // Every field filled and valid; positions count from 1 in the tables below.
+const char kShortRecord[] =
+    "f, 0, 1, 00:1A:2B:3C:4D:5E, IP, 00-1A-2B-3C-4D-5F, 00 1A 2B 3C 4D 60, TCP, SYN ACK, "
+    "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
+    "0x474554, , 1, 1700000000, 1699999999";
+
 Fields ShortRecord() {
-    return {"f",
-            "0",
-            "1",
-            "00:1A:2B:3C:4D:5E",
-            "IP",
-            "00-1A-2B-3C-4D-5F",
-            "00 1A 2B 3C 4D 60",
-            "TCP",
-            "SYN ACK",
-            "192.168.0.1",
-            "49152",
-            "fe80::1",
-            "443",
-            "60",
-            "-1",
-            "0",
-            "4294967295",
-            "3",
-            "0x4e6f7465",
-            "0",
-            "100",
-            "7",
-            "12",
-            "0",
-            "0x474554",
-            "",
-            "1",
-            "1700000000",
-            "1699999999"};
+    return splitLogRecord(kShortRecord);
 }
 
 // The long form: positions 27, 28 and 30 to 32 are never checked.
@@ -61,54 +39,27 @@ std::string Join(const Fields& fields) {
     return line;
 }
 
-TEST(EventFieldRuleTest, NumbersHaveAWidthASignAndNoLeadingZeros) {
-    const struct {
-        const char* text;
-        unsigned bits;
-        bool isSigned;
-        bool valid;
-    } cases[] = {
-        {"0", 16, false, true},
-        {"0", 16, true, true},
-        {"00", 16, false, false},
-        {"007", 32, false, false},
-        {"", 32, false, false},
-        {"-1", 32, false, false},
-        {"-0", 16, false, false},
-        {"+1", 16, false, false},
-        {"1 2", 32, false, false},
-        {"12a", 32, false, false},
-        {"255", 8, false, true},
-        {"256", 8, false, false},
-        {"65535", 16, false, true},
-        {"65536", 16, false, false},
-        {"4294967295", 32, false, true},
-        {"4294967296", 32, false, false},
-        {"18446744073709551615", 64, false, true},
-        {"18446744073709551616", 64, false, false},
-        {"32767", 16, true, true},
-        {"32768", 16, true, false},
-        {"-32767", 16, true, true},
-        {"-32768", 16, true, false},
-        {"-", 16, true, true},
-        {"-0", 16, true, true},
-        {"--1", 16, true, false},
-        {"9223372036854775807", 64, true, true},
-        {"-9223372036854775808", 64, true, false},
-        {"-99999999999999999999999", 16, true, false},
+TEST(EventFieldRuleTest, EachRuleAcceptsItsFormsOnly) {
+    auto number = [](unsigned bits, bool isSigned) {
+        return [bits, isSigned](const std::string& text) {
+            return isValidNumber(text, bits, isSigned);
+        };
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(isValidNumber(c.text, c.bits, c.isSigned), c.valid)
-            << c.text << " " << c.bits << (c.isSigned ? " signed" : " unsigned");
-}
-
-TEST(EventFieldRuleTest, TextRulesAcceptTheirFormsOnly) {
     const struct {
-        bool (*rule)(const std::string&);
+        std::function<bool(const std::string&)> rule;
         const char* name;
         std::vector<const char*> valid;
         std::vector<const char*> invalid;
     } cases[] = {
+        {number(8, false), "u8", {"0", "255"}, {"256", "00"}},
+        {number(16, false), "u16", {"0", "65535"}, {"00", "-0", "+1", "65536"}},
+        {number(32, false), "u32", {"4294967295"}, {"007", "", "-1", "1 2", "12a", "4294967296"}},
+        {number(64, false), "u64", {"18446744073709551615"}, {"18446744073709551616"}},
+        {number(16, true),
+         "s16",
+         {"0", "32767", "-32767", "-", "-0"},
+         {"32768", "-32768", "--1", "-99999999999999999999999"}},
+        {number(64, true), "s64", {"9223372036854775807"}, {"-9223372036854775808"}},
         {isValidHexText,
          "hex",
          {"0x", "0X1f", "abcDEF0123", "0"},
@@ -149,21 +100,16 @@ TEST(EventFieldRuleTest, TextRulesAcceptTheirFormsOnly) {
 }
 
 TEST(EventFieldRuleTest, RecordSplitsAtCommaSpaceKeepingEmptyFields) {
-    const struct {
-        const char* line;
-        Fields fields;
-    } cases[] = {
-        {"a, b", {"a", "b"}},
-        {"a, , b", {"a", "", "b"}},
-        {"a, ", {"a", ""}},
-        {"abc", {"abc"}},
-        {"", {""}},
-        {"a,b", {"a,b"}},
-        {", , ", {"", "", ""}},
-        {"a,  b", {"a", " b"}},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(splitLogRecord(c.line), c.fields) << c.line;
+    const std::pair<const char*, Fields> cases[] = {{"a, b", {"a", "b"}},
+                                                    {"a, , b", {"a", "", "b"}},
+                                                    {"a, ", {"a", ""}},
+                                                    {"abc", {"abc"}},
+                                                    {"", {""}},
+                                                    {"a,b", {"a,b"}},
+                                                    {", , ", {"", "", ""}},
+                                                    {"a,  b", {"a", " b"}}};
+    for (const auto& [line, fields] : cases)
+        EXPECT_EQ(splitLogRecord(line), fields) << line;
 }
 
 class VerifyLogTest : public LogCaptureTest {};
@@ -228,9 +174,7 @@ TEST_F(VerifyLogTest, TheFirstFailingFieldIsNamed) {
             expected.push_back("E verifyLog - '" + c.failing + "' invalid format");
         EXPECT_EQ(Logged(), expected) << Join(fields);
     }
-}
-
-TEST_F(VerifyLogTest, OnlyTheShortAndLongFormsAreRecords) {
+    // Only the short and the long form are records.
     for (size_t count : {0, 1, 28, 30, 34, 36}) {
         Fields fields = LongRecord();
         fields.resize(count, "0");
@@ -249,9 +193,8 @@ class ParseLogTest : public LogCaptureTest {
     void TearDown() override { SimulatedInstall::Remove(); }
 
     static std::wstring Write(const std::string& content) {
-        std::wstring path = std::wstring(SimulatedInstall::kFolder) + L"detection.log";
-        std::ofstream(path.c_str(), std::ios::binary) << content;
-        return path;
+        std::ofstream(kFile.c_str(), std::ios::binary) << content;
+        return kFile;
     }
     static bool Exists(const std::wstring& path) {
         return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -278,138 +221,136 @@ class ParseLogTest : public LogCaptureTest {
         return call;
     }
     static std::wstring Untouched() { return std::wstring(64, L'#'); }
-    static void Bind() { ASSERT_TRUE(IsValidLoader()); }
+
+    static inline const std::wstring kFile =
+        std::wstring(SimulatedInstall::kFolder) + L"detection.log";
 };
 
 TEST_F(ParseLogTest, AValidFirstLineIsReturnedAndTheFileKept) {
-    Bind();
+    ASSERT_TRUE(IsValidLoader());
     Logged();
-    const std::string shortLine = Join(ShortRecord());
+    const std::string shortLine = kShortRecord;
     const std::string longLine = Join(LongRecord());
-    const struct {
-        std::string content;
-        std::string line;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {shortLine + "\r\nnot a record\n", shortLine},
         {longLine, longLine},
         {longLine + "\n\n", longLine},
     };
-    for (const auto& c : cases) {
-        std::wstring path = Write(c.content);
-        Call call = Parse(path);
+    for (const auto& [content, line] : cases) {
+        Call call = Parse(Write(content));
         EXPECT_EQ(call.result, RESULT_SUCCESS);
         EXPECT_EQ(call.type, L"ZEPH_IPRODUCT_DETECTION_LOG");
-        EXPECT_EQ(call.data, c.line + '\0');
-        EXPECT_EQ(call.dataSize, c.line.size() + 1);
-        EXPECT_TRUE(Exists(path));
+        EXPECT_EQ(call.data, line + '\0');
+        EXPECT_EQ(call.dataSize, line.size() + 1);
+        EXPECT_TRUE(Exists(kFile));
         EXPECT_EQ(Logged(), Lines{});
     }
-}
-
-TEST_F(ParseLogTest, TheTypeNameIsCutToTheBufferAndTerminated) {
-    Bind();
-    std::wstring path = Write(Join(ShortRecord()));
-    const struct {
-        uint32_t size;
-        std::wstring type;
-    } cases[] = {
-        {28, L"ZEPH_IPRODUCT_DETECTION_LOG"},
-        {27, L"ZEPH_IPRODUCT_DETECTION_LO"},
-        {5, L"ZEPH"},
-        {1, L""},
-        {0, Untouched()},
-    };
-    for (const auto& c : cases) {
-        Call call = Parse(path, c.size);
-        EXPECT_EQ(call.result, RESULT_SUCCESS) << c.size;
-        EXPECT_EQ(call.type, c.type) << c.size;
+    // The type name is cut to the host's buffer and terminated; no buffer, no name.
+    const std::pair<uint32_t, std::wstring> sizes[] = {{28, L"ZEPH_IPRODUCT_DETECTION_LOG"},
+                                                       {27, L"ZEPH_IPRODUCT_DETECTION_LO"},
+                                                       {5, L"ZEPH"},
+                                                       {1, L""},
+                                                       {0, Untouched()}};
+    for (const auto& [size, type] : sizes) {
+        Call call = Parse(kFile, size);
+        EXPECT_EQ(call.result, RESULT_SUCCESS) << size;
+        EXPECT_EQ(call.type, type) << size;
     }
 }
 
-TEST_F(ParseLogTest, EmptyAndInvalidFilesAreDeleted) {
-    Bind();
-    Logged();
+// Whatever fails, the host's buffers stay untouched.
+TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
     Fields badProtocol = ShortRecord();
     badProtocol[7] = "256";
+    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+    const std::string invalid = "E zephExt_ParseLog - Invalid detection log.";
     const struct {
-        std::string content;
+        const char* name;
+        std::string content; // "(none)": no such file
+        bool unbound;        // the host's install path is gone
+        uint32_t result;
+        bool kept;
         Lines logged;
     } cases[] = {
-        {"", {"E zephExt_ParseLog - Empty file"}},
-        {"\n" + Join(ShortRecord()),
-         {"E verifyLog - Invalid format", "E zephExt_ParseLog - Invalid detection log."}},
-        {Join(Fields(28, "0")) + "\n",
-         {"E verifyLog - Invalid format", "E zephExt_ParseLog - Invalid detection log."}},
-        {Join(badProtocol),
-         {"E verifyLog - 'Protocol' invalid format",
-          "E zephExt_ParseLog - Invalid detection log."}},
+        // The binding's refusal, then nothing from the export.
+        {"no host",
+         "",
+         true,
+         RESULT_PARSELOG_FAILED,
+         true,
+         {"E utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
+              "\\Application Path', err=2\n",
+          "E GetCRVLInstallPath - Cannot find value(Application Path) under "
+          "key(HKEY_LOCAL_MACHINE\\" +
+              key + ")",
+          "E init - Unable to get CRVL install path.",
+          "E IsValidLoader - Unable to initialize zephAgent dll."}},
+        {"empty", "", false, RESULT_PARSELOG_INVALID, false, {"E zephExt_ParseLog - Empty file"}},
+        {"empty first line",
+         "\n" + std::string(kShortRecord),
+         false,
+         RESULT_PARSELOG_INVALID,
+         false,
+         {"E verifyLog - Invalid format", invalid}},
+        {"28 fields",
+         Join(Fields(28, "0")) + "\n",
+         false,
+         RESULT_PARSELOG_INVALID,
+         false,
+         {"E verifyLog - Invalid format", invalid}},
+        {"bad protocol",
+         Join(badProtocol),
+         false,
+         RESULT_PARSELOG_INVALID,
+         false,
+         {"E verifyLog - 'Protocol' invalid format", invalid}},
+        {"missing",
+         "(none)",
+         false,
+         RESULT_PARSELOG_FAILED,
+         false,
+         {"E zephExt_ParseLog - Can't open the file: " + Narrow(kFile)}},
     };
     for (const auto& c : cases) {
-        std::wstring path = Write(c.content);
-        Call call = Parse(path);
-        EXPECT_EQ(call.result, RESULT_PARSELOG_INVALID);
+        SCOPED_TRACE(c.name);
+        if (c.unbound) {
+            SimulatedInstall::RemoveApplicationPath();
+        } else {
+            ASSERT_TRUE(SimulatedInstall::SetApplicationPath(SimulatedInstall::kFolder));
+            ASSERT_TRUE(IsValidLoader());
+        }
+        Logged();
+        DeleteFileW(kFile.c_str());
+        if (c.content != "(none)")
+            Write(c.content);
+        Call call = Parse(kFile);
+        EXPECT_EQ(call.result, c.result);
         EXPECT_EQ(call.type, Untouched());
         EXPECT_EQ(call.data, "(none)");
         EXPECT_EQ(call.dataSize, 0xA5A5A5A5u);
-        EXPECT_FALSE(Exists(path));
+        EXPECT_EQ(Exists(kFile), c.kept);
         EXPECT_EQ(Logged(), c.logged);
     }
-}
 
-TEST_F(ParseLogTest, AFailedDeletionIsLoggedAndKeepsTheResult) {
-    Bind();
-    Logged();
-    std::wstring path = Write("");
-    // Another reader that does not share deletion.
-    ScopedFile reader(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+    // Another reader that does not share deletion: the failure is logged, the result stands.
+    ScopedFile reader(CreateFileW(Write("").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                   OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(reader.IsValid());
-    EXPECT_EQ(Parse(path).result, RESULT_PARSELOG_INVALID);
-    EXPECT_TRUE(Exists(path));
+    EXPECT_EQ(Parse(kFile).result, RESULT_PARSELOG_INVALID);
+    EXPECT_TRUE(Exists(kFile));
     EXPECT_EQ(Logged(), (Lines{"E zephExt_ParseLog - Empty file",
                                "E zephExt_ParseLog - _wremove error: 32"}));
 }
 
-TEST_F(ParseLogTest, AMissingFileFailsAndTouchesNothing) {
-    Bind();
-    Logged();
-    std::wstring missing = std::wstring(SimulatedInstall::kFolder) + L"none.log";
-    Call call = Parse(missing);
-    EXPECT_EQ(call.result, RESULT_PARSELOG_FAILED);
-    EXPECT_EQ(call.type, Untouched());
-    EXPECT_EQ(call.data, "(none)");
-    EXPECT_EQ(Logged(), Lines{"E zephExt_ParseLog - Can't open the file: " + Narrow(missing)});
-}
-
-TEST_F(ParseLogTest, WithoutTheHostNothingIsRead) {
-    SimulatedInstall::RemoveApplicationPath();
-    std::wstring path = Write("");
-    Call call = Parse(path);
-    EXPECT_EQ(call.result, RESULT_PARSELOG_FAILED);
-    EXPECT_EQ(call.type, Untouched());
-    EXPECT_EQ(call.data, "(none)");
-    EXPECT_TRUE(Exists(path));
-    // The binding's refusal, then nothing from the export.
-    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
-    EXPECT_EQ(Logged(), (Lines{"E utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
-                                   "\\Application Path', err=2\n",
-                               "E GetCRVLInstallPath - Cannot find value(Application Path) under "
-                               "key(HKEY_LOCAL_MACHINE\\" +
-                                   key + ")",
-                               "E init - Unable to get CRVL install path.",
-                               "E IsValidLoader - Unable to initialize zephAgent dll."}));
-}
-
 // The real DLL in zephhost.exe: the copy goes back through zephExt_Free.
 TEST_F(ParseLogTest, TheHostGetsTheRecordThroughTheDll) {
-    const std::string line = Join(ShortRecord());
-    std::wstring path = Write(line + "\r\n");
-    ProcessResult result = RunProcess(
-        {BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"parselog", path, L"10"});
+    const std::string line = kShortRecord;
+    ProcessResult result = RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"),
+                                       L"parselog", Write(line + "\r\n"), L"10"});
     EXPECT_EQ(result.output, "zephExt_ParseLog -> 0\ntype: ZEPH_IPRO\ndata(" +
                                  std::to_string(line.size() + 1) + "): " + line +
                                  "\nzephExt_Free -> 0\n");
-    EXPECT_TRUE(Exists(path));
+    EXPECT_TRUE(Exists(kFile));
 }
 
 } // namespace

@@ -28,43 +28,31 @@ class RegistryTest : public LogCaptureTest {
         ASSERT_EQ(RegSetValueExW(m_key.Get(), name, 0, type, static_cast<const BYTE*>(data), size),
                   ERROR_SUCCESS);
     }
-    void PutText(const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ) {
-        Put(name, type, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-    }
 
     ScopedRegKey m_key;
 };
 
 TEST_F(RegistryTest, KeyNamesSplitIntoRootRowAndSubkey) {
-    struct Case {
-        std::wstring key;
-        int row;
-        std::wstring subKey;
-    } cases[] = {
-        {L"hklm\\SOFTWARE\\X", 2, L"SOFTWARE\\X"},
-        {L"HKEY_LOCAL_MACHINE\\SOFTWARE\\X", 2, L"SOFTWARE\\X"},
-        {L"HKCR\\.txt", 0, L".txt"},
-        {L"HKEY_CURRENT_USER\\Software", 1, L"Software"},
-        {L"hku\\.DEFAULT", 3, L".DEFAULT"},
-        {L"HKPD\\a", 4, L"a"},
-        {L"HKEY_CURRENT_CONFIG\\a", 5, L"a"},
-        {L"HKDD\\a", 6, L"a"},
-        {L"HKLM\\SOFTWARE\\X\\", 2, L"SOFTWARE\\X\\"}, // the trailing backslash stays
-        {L"HKLM\\", 2, L""},
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {L"hklm\\SOFTWARE\\X", L"2 SOFTWARE\\X"},
+        {L"HKEY_LOCAL_MACHINE\\SOFTWARE\\X", L"2 SOFTWARE\\X"},
+        {L"HKCR\\.txt", L"0 .txt"},
+        {L"HKEY_CURRENT_USER\\Software", L"1 Software"},
+        {L"hku\\.DEFAULT", L"3 .DEFAULT"},
+        {L"HKPD\\a", L"4 a"},
+        {L"HKEY_CURRENT_CONFIG\\a", L"5 a"},
+        {L"HKDD\\a", L"6 a"},
+        {L"HKLM\\SOFTWARE\\X\\", L"2 SOFTWARE\\X\\"}, // the trailing backslash stays
+        {L"HKLM\\", L"2 "},
+        // An unknown prefix falls back to row 0 with the text unchanged.
+        {L"HKLMX\\SOFTWARE", L"0 HKLMX\\SOFTWARE"},
+        {L"HKLM", L"0 HKLM"},
+        {L"\\SOFTWARE", L"0 \\SOFTWARE"},
     };
-    for (const Case& c : cases) {
-        std::wstring key = c.key;
-        EXPECT_EQ(utilRegKey::ExtractKeyName(key), c.row) << Narrow(c.key);
-        EXPECT_EQ(key, c.subKey);
-    }
-    EXPECT_EQ(Logged(), Lines{});
-}
-
-TEST_F(RegistryTest, UnknownPrefixFallsBackToRowZeroWithTheTextUnchanged) {
-    for (std::wstring key : {L"HKLMX\\SOFTWARE", L"HKLM", L"\\SOFTWARE"}) {
-        std::wstring original = key;
-        EXPECT_EQ(utilRegKey::ExtractKeyName(key), 0);
-        EXPECT_EQ(key, original);
+    for (const auto& [given, split] : cases) {
+        std::wstring key = given;
+        int row = utilRegKey::ExtractKeyName(key);
+        EXPECT_EQ(std::to_wstring(row) + L" " + key, split);
     }
     EXPECT_EQ(
         Logged(),
@@ -72,12 +60,14 @@ TEST_F(RegistryTest, UnknownPrefixFallsBackToRowZeroWithTheTextUnchanged) {
                "key(HKLMX\\SOFTWARE)\n",
                "E utilRegKey::ExtractKeyName - Invalid key prefix: root(), key(HKLM)\n",
                "E utilRegKey::ExtractKeyName - Invalid key prefix: root(), key(\\SOFTWARE)\n"}));
-    utilRegKey fallback(L"HKLMX\\SOFTWARE", 0);
-    EXPECT_EQ(fallback.Root(), HKEY_CLASSES_ROOT);
-    EXPECT_EQ(fallback.GetStdKeyFromHkey(), L"HKCR\\HKLMX\\SOFTWARE");
-}
+    // The display name uses the short root name; an empty subkey never exists.
+    EXPECT_EQ(utilRegKey(L"HKLMX\\SOFTWARE", 0).GetStdKeyFromHkey(), L"HKCR\\HKLMX\\SOFTWARE");
+    EXPECT_EQ(utilRegKey(L"HKEY_USERS\\.DEFAULT\\x", 0).GetStdKeyFromHkey(), L"HKU\\.DEFAULT\\x");
+    utilRegKey rootOnly(L"HKEY_LOCAL_MACHINE\\", 0);
+    EXPECT_EQ(rootOnly.GetStdKeyFromHkey(), L"HKLM");
+    EXPECT_FALSE(rootOnly.Exists());
+    Logged();
 
-TEST_F(RegistryTest, ViewsSelectTheAccessMask) {
     EXPECT_EQ(utilRegKey::GetMSWViewFlags(false, 0), 0x20019u);
     EXPECT_EQ(utilRegKey::GetMSWViewFlags(true, 1), 0xF003Fu);
     EXPECT_EQ(utilRegKey::GetMSWViewFlags(false, 2), 0x20119u);
@@ -87,46 +77,39 @@ TEST_F(RegistryTest, ViewsSelectTheAccessMask) {
     EXPECT_EQ(Logged(), Lines{"E utilRegKey::GetMSWViewFlags - Unknown registry view.\n"});
 }
 
-TEST_F(RegistryTest, TextValuesRoundTripIncludingTheDefaultValue) {
+TEST_F(RegistryTest, TextValuesRoundTripAndComeBackExpanded) {
     utilRegKey key(kFullKey, 0);
     EXPECT_TRUE(key.Exists());
     EXPECT_TRUE(key.SetValue(L"Name", L"C:\\Corvale\\"));
     EXPECT_TRUE(key.SetValue(L"", L"default text"));
-    std::wstring text;
-    EXPECT_TRUE(key.QueryValue(L"Name", text));
-    EXPECT_EQ(text, L"C:\\Corvale\\");
-    EXPECT_TRUE(key.QueryValue(L"", text));
-    EXPECT_EQ(text, L"default text");
+    const std::wstring unexpanded = L"%SystemRoot%\\x";
+    Put(L"Expand", REG_EXPAND_SZ, unexpanded.c_str(),
+        static_cast<DWORD>((unexpanded.size() + 1) * sizeof(wchar_t)));
+    Put(L"Empty", REG_SZ, nullptr, 0);
+    wchar_t expanded[MAX_PATH];
+    ExpandEnvironmentStringsW(unexpanded.c_str(), expanded, MAX_PATH);
+
+    const std::pair<const wchar_t*, std::wstring> cases[] = {{L"Name", L"C:\\Corvale\\"},
+                                                             {L"", L"default text"},
+                                                             {L"Expand", expanded},
+                                                             {L"Empty", L""}};
+    for (const auto& [name, expected] : cases) {
+        std::wstring text = L"stale";
+        EXPECT_TRUE(key.QueryValue(name, text));
+        EXPECT_EQ(text, expected);
+    }
     EXPECT_EQ(key.LastError(), ERROR_SUCCESS);
     EXPECT_EQ(Logged(), Lines{});
-
-    // The terminator was written with the text.
-    DWORD size = 0;
+    DWORD size = 0; // the terminator was written with the text
     RegQueryValueExW(m_key.Get(), L"Name", nullptr, nullptr, nullptr, &size);
     EXPECT_EQ(size, 24u);
-}
-
-TEST_F(RegistryTest, ExpandableTextComesBackExpandedAndEmptyValueReadsEmpty) {
-    PutText(L"Expand", L"%SystemRoot%\\x", REG_EXPAND_SZ);
-    Put(L"Empty", REG_SZ, nullptr, 0);
-    wchar_t expected[MAX_PATH];
-    ExpandEnvironmentStringsW(L"%SystemRoot%\\x", expected, MAX_PATH);
-
-    utilRegKey key(kFullKey, 0);
-    std::wstring text = L"stale";
-    EXPECT_TRUE(key.QueryValue(L"Expand", text));
-    EXPECT_EQ(text, expected);
-    EXPECT_EQ(text.find(L'%'), std::wstring::npos);
-    EXPECT_TRUE(key.QueryValue(L"Empty", text));
-    EXPECT_EQ(text, L"");
-    EXPECT_EQ(Logged(), Lines{});
 }
 
 TEST_F(RegistryTest, TypeMismatchesAreLoggedButTheValueStands) {
     DWORD number = 0x00420041; // reads as the two characters "AB"
     Put(L"Number", REG_DWORD, &number, sizeof(number));
-    PutText(L"Short", L"a");     // 4 bytes with its terminator
-    PutText(L"Long", L"abcdef"); // too long for a number
+    Put(L"Short", REG_SZ, L"a", 4);      // 4 bytes with its terminator
+    Put(L"Long", REG_SZ, L"abcdef", 14); // too long for a number
 
     utilRegKey key(kFullKey, 0);
     std::wstring text;
@@ -153,16 +136,25 @@ TEST_F(RegistryTest, MissingKeysAndValuesAreReportedWithTheirNames) {
     EXPECT_FALSE(missing.Exists());
     EXPECT_EQ(Logged(), Lines{});
     std::wstring text;
+    uint32_t number = 1;
     EXPECT_FALSE(missing.QueryValue(L"Value", text));
-    EXPECT_EQ(Logged(), (Lines{"E utilRegKey::Open - Can't open registry key '" + kShownKey +
-                                   "\\Missing', err=2\n",
-                               "E utilRegKey::QueryValue - Can't read value of '" + kShownKey +
-                                   "\\Missing\\Value', err=2\n"}));
+    EXPECT_FALSE(missing.SetValue(L"Text", L"x"));
+    EXPECT_FALSE(missing.SetDWordValue(L"", &number));
+    const std::string shown = kShownKey + "\\Missing";
+    const std::string openFailed =
+        "E utilRegKey::Open - Can't open registry key '" + shown + "', err=2\n";
+    EXPECT_EQ(
+        Logged(),
+        (Lines{openFailed,
+               "E utilRegKey::QueryValue - Can't read value of '" + shown + "\\Value', err=2\n",
+               openFailed,
+               "E utilRegKey::SetValue - Can't set value of '" + shown + "\\Text', err=2\n\n",
+               openFailed,
+               "E utilRegKey::SetDWordValue - Can't set value of '" + shown + "', err=2\n\n"}));
 
     utilRegKey key(kFullKey, 0);
     EXPECT_FALSE(key.QueryValue(L"Absent", text));
     EXPECT_FALSE(key.GetValueType(L"Absent"));
-    uint32_t number = 0;
     EXPECT_FALSE(key.QueryValue(L"Absent", number));
     EXPECT_EQ(
         Logged(),
@@ -172,67 +164,40 @@ TEST_F(RegistryTest, MissingKeysAndValuesAreReportedWithTheirNames) {
                "E utilRegKey::QueryValue - Can't read value of key '" + kShownKey + "', err=2\n"}));
 }
 
-TEST_F(RegistryTest, WritesToAMissingKeyFailWithTheValueName) {
-    utilRegKey missing(kFullKey + L"\\Missing", 0);
-    uint32_t number = 1;
-    EXPECT_FALSE(missing.SetValue(L"Text", L"x"));
-    EXPECT_FALSE(missing.SetDWordValue(L"", &number));
-    std::string shown = kShownKey + "\\Missing";
-    EXPECT_EQ(
-        Logged(),
-        (Lines{"E utilRegKey::Open - Can't open registry key '" + shown + "', err=2\n",
-               "E utilRegKey::SetValue - Can't set value of '" + shown + "\\Text', err=2\n\n",
-               "E utilRegKey::Open - Can't open registry key '" + shown + "', err=2\n",
-               "E utilRegKey::SetDWordValue - Can't set value of '" + shown + "', err=2\n\n"}));
-}
-
-TEST_F(RegistryTest, SetValueWithCreateMakesTheKeyUnderLocalMachine) {
+TEST_F(RegistryTest, SetValueWithCreateMakesAMissingKeyUnderLocalMachine) {
     uint32_t number = 5;
+    utilRegKey existing(kFullKey, 0);
+    EXPECT_TRUE(existing.SetValueWithCreate(L"ServiceStatus", &number));
+    const std::string written = "I utilRegKey::SetValueWithCreate - SetValueWithCreate registry ";
+    EXPECT_EQ(Logged(), Lines{written + kShownKey + "\\ServiceStatus success."});
+
+    utilRegKey created(kFullKey + L"\\Created", 0);
+    EXPECT_TRUE(created.SetValueWithCreate(L"ServiceStatus", &number));
+    DWORD stored = 0;
+    DWORD size = sizeof(stored);
+    EXPECT_EQ(RegGetValueW(m_key.Get(), L"Created", L"ServiceStatus", RRF_RT_REG_DWORD, nullptr,
+                           &stored, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(stored, 5u);
+    const std::string notFound = "I utilRegKey::SetValueWithCreate - Cannot find registry ";
+    EXPECT_EQ(Logged(), (Lines{notFound + kShownKey + "\\Created",
+                               written + kShownKey + "\\Created\\ServiceStatus success."}));
+
     // Whatever root the object names, creation happens under HKEY_LOCAL_MACHINE,
     // while the value itself goes to the object's own root.
-    utilRegKey key(std::wstring(L"HKCU\\") + kTestKey + L"\\Created", 0);
-    EXPECT_FALSE(key.SetValueWithCreate(L"ServiceStatus", &number));
-
-    ScopedRegKey created;
-    HKEY raw = nullptr;
-    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, (std::wstring(kTestKey) + L"\\Created").c_str(), 0,
-                            KEY_READ, &raw),
-              ERROR_SUCCESS);
-    created.Reset(raw);
-    std::string shown = "HKCU\\SOFTWARE\\ZephTestBed\\RegistryTests\\Created";
+    RegDeleteTreeW(m_key.Get(), L"Created");
+    utilRegKey elsewhere(std::wstring(L"HKCU\\") + kTestKey + L"\\Created", 0);
+    EXPECT_FALSE(elsewhere.SetValueWithCreate(L"ServiceStatus", &number));
+    EXPECT_TRUE(utilRegKey(kFullKey + L"\\Created", 0).Exists());
+    const std::string shown = "HKCU\\SOFTWARE\\ZephTestBed\\RegistryTests\\Created";
     Lines logged = Logged();
     ASSERT_EQ(logged.size(), 4u);
-    EXPECT_EQ(logged[0], "I utilRegKey::SetValueWithCreate - Cannot find registry " + shown);
+    EXPECT_EQ(logged[0], notFound + shown);
     EXPECT_EQ(logged[1], "E utilRegKey::Open - Can't open registry key '" + shown + "', err=2\n");
     EXPECT_EQ(logged[2], "E utilRegKey::SetDWordValue - Can't set value of '" + shown +
                              "\\ServiceStatus', err=2\n\n");
     EXPECT_EQ(logged[3].rfind("E utilRegKey::SetValueWithCreate - SetValue Fail Error(", 0), 0u)
         << logged[3];
-}
-
-TEST_F(RegistryTest, SetValueWithCreateCreatesAMissingKeyAndWrites) {
-    uint32_t number = 5;
-    utilRegKey key(kFullKey + L"\\Created", 0);
-    EXPECT_TRUE(key.SetValueWithCreate(L"ServiceStatus", &number));
-    DWORD stored = 0;
-    DWORD size = sizeof(stored);
-    EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, (std::wstring(kTestKey) + L"\\Created").c_str(),
-                           L"ServiceStatus", RRF_RT_REG_DWORD, nullptr, &stored, &size),
-              ERROR_SUCCESS);
-    EXPECT_EQ(stored, 5u);
-    std::string shown = kShownKey + "\\Created";
-    EXPECT_EQ(Logged(), (Lines{"I utilRegKey::SetValueWithCreate - Cannot find registry " + shown,
-                               "I utilRegKey::SetValueWithCreate - SetValueWithCreate registry " +
-                                   shown + "\\ServiceStatus success."}));
-}
-
-TEST_F(RegistryTest, SetValueWithCreateOnAnExistingKeyOnlyWrites) {
-    uint32_t number = 0;
-    utilRegKey key(kFullKey, 0);
-    EXPECT_TRUE(key.SetValueWithCreate(L"ServiceStatus", &number));
-    EXPECT_TRUE(key.GetValueType(L"ServiceStatus"));
-    EXPECT_EQ(Logged(), Lines{"I utilRegKey::SetValueWithCreate - SetValueWithCreate registry " +
-                              kShownKey + "\\ServiceStatus success."});
 }
 
 TEST_F(RegistryTest, ReadingAfterAWriteOpenReusesTheWriteHandle) {
@@ -245,13 +210,6 @@ TEST_F(RegistryTest, ReadingAfterAWriteOpenReusesTheWriteHandle) {
     EXPECT_TRUE(key.Exists());
     EXPECT_TRUE(key.Close());
     EXPECT_FALSE(key.Exists());
-}
-
-TEST_F(RegistryTest, DisplayNameUsesTheShortRootName) {
-    EXPECT_EQ(utilRegKey(L"HKEY_USERS\\.DEFAULT\\x", 0).GetStdKeyFromHkey(), L"HKU\\.DEFAULT\\x");
-    utilRegKey rootOnly(L"HKEY_LOCAL_MACHINE\\", 0);
-    EXPECT_EQ(rootOnly.GetStdKeyFromHkey(), L"HKLM");
-    EXPECT_FALSE(rootOnly.Exists()); // an empty subkey never exists
 }
 
 } // namespace
