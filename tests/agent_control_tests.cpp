@@ -167,19 +167,6 @@ TEST_F(AgentControlTest, ResponsesInPiecesAreReassembled) {
     }
 }
 
-TEST_F(AgentControlTest, OnlyClearDriverConfigPassesTheAgentsReturnCodeOn) {
-    AgentDouble::Behaviour behaviour;
-    behaviour.answerRetCode = 42;
-    RunAgent(behaviour);
-    Connect();
-    EXPECT_EQ(NotifyTarnAgent(), 0);
-    EXPECT_EQ(SendSelfProtectionStatus(kStatusJson), 0);
-    EXPECT_EQ(ClearDriverConfig(), 42);
-    EXPECT_EQ(Complaints(Logged()),
-              Lines{"E ClearDriverConfig - clearConfig - return code in ResponseCommand is "
-                    "failed. (42)"});
-}
-
 TEST_F(AgentControlTest, ConnectingNeedsAMessageModePipe) {
     EXPECT_EQ(InitTarnPipeClient(), ERROR_FILE_NOT_FOUND) << "no agent serves the pipe";
     EXPECT_EQ(TarnPipeClient(), nullptr);

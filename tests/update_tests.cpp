@@ -110,13 +110,22 @@ class UpdateTest : public AgentControlTest {
     Tree m_oldFiles;
 };
 
+// The backup may hold read-only files, copied as they were: every removal
+// deletes them all the same.
 TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
     PlaceOldAgent();
+    WriteFile(kAgent + L"\\locked.dat", "read-only");
+    WriteFile(kAgent + L"\\locked.log", "read-only log");
+    for (const wchar_t* name : {L"\\locked.dat", L"\\locked.log"})
+        ASSERT_TRUE(SetFileAttributesW((kAgent + name).c_str(), FILE_ATTRIBUTE_READONLY));
+    m_oldFiles = Snapshot(kAgent);
     ASSERT_EQ(PreUpdate(), 0u);
+    ASSERT_EQ(PreUpdate(), 0u) << "a leftover backup is replaced";
     EXPECT_EQ(Counter(), 1);
     Tree backup = m_oldFiles;
     backup.erase("agent.log"); // top-level logs are left out, others kept
     backup.erase(".log");
+    backup.erase("locked.log");
     EXPECT_EQ(Snapshot(kBackup), backup);
 
     ASSERT_EQ(DoUpdate(), 0u);
@@ -131,65 +140,37 @@ TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
 
     EXPECT_EQ(zephExt_PostUpdate(), 0u);
     EXPECT_FALSE(fs::exists(kBackup));
-    // Three files, two folders with a file each, and the backup folder itself.
-    EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(8)."));
+    // Four files, two folders with a file each, and the backup folder itself.
+    EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(9)."));
 }
 
 TEST_F(UpdateTest, EveryFailedStageRollsBackToTheOldAgent) {
-    struct Case {
+    auto launched = [](const std::string& command, int code) {
+        return "E PrepAndLaunchRedirectedChild - Return code is not zero, err=" +
+               std::to_string(code) + "\nE zephExt_DoUpdate - Unable to complete " + command +
+               " command. ret=" + std::to_string(code);
+    };
+    const struct {
         const char* name;
-        AgentDouble::Behaviour behaviour;
+        AgentDouble::Behaviour behaviour; // install and uninstall exit codes
         bool lockAFile;
         uint32_t result;
         int32_t counter;
-        Lines complaints;
-    };
-    AgentDouble::Behaviour failingDelete;
-    failingDelete.deleteExitCode = 5;
-    AgentDouble::Behaviour failingInstall;
-    failingInstall.installExitCode = 1603;
-    AgentDouble::Behaviour rebootInstall;
-    rebootInstall.installExitCode = 0xFFFFFF92;
-    AgentDouble::Behaviour restartInstall;
-    restartInstall.installExitCode = 3010;
-    const Case cases[] = {
-        {"uninstall fails",
-         failingDelete,
-         false,
-         0x1040004,
-         1,
-         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=5",
-          "E zephExt_DoUpdate - Unable to complete uninstall command. ret=5"}},
+        std::string complaints; // one per line
+    } cases[] = {
+        {"uninstall fails", {0, 5}, false, 0x1040004, 1, launched("uninstall", 5)},
         {"a file is locked",
          {},
          true,
          0x1040005,
          2,
-         {"E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error code: 32,  error "
-          "message: "}},
-        {"install fails",
-         failingInstall,
-         false,
-         0x1040006,
-         3,
-         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=1603",
-          "E zephExt_DoUpdate - Unable to complete install command. ret=1603"}},
-        {"install wants a reboot",
-         rebootInstall,
-         false,
-         0x1040006,
-         3,
-         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=-110",
-          "E zephExt_DoUpdate - Unable to complete install command. ret=-110"}},
-        {"install wants a restart",
-         restartInstall,
-         false,
-         0x1040006,
-         3,
-         {"E PrepAndLaunchRedirectedChild - Return code is not zero, err=3010",
-          "E zephExt_DoUpdate - Unable to complete install command. ret=3010"}},
+         "E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error code: 32,  error "
+         "message: "},
+        {"install fails", {1603}, false, 0x1040006, 3, launched("install", 1603)},
+        {"install wants a reboot", {0xFFFFFF92}, false, 0x1040006, 3, launched("install", -110)},
+        {"install wants a restart", {3010}, false, 0x1040006, 3, launched("install", 3010)},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         PlaceOldAgent();
         ASSERT_EQ(PreUpdate(), 0u);
@@ -204,14 +185,14 @@ TEST_F(UpdateTest, EveryFailedStageRollsBackToTheOldAgent) {
         }
         EXPECT_EQ(Counter(), c.counter);
         // Without the version lines; the system's own wording of an error is cut off.
-        Lines complaints;
+        std::string complaints;
         for (std::string line : Complaints(Logged())) {
             if (line.find("version.") != std::string::npos)
                 continue;
             size_t wording = line.find("error message: ");
             if (wording != std::string::npos)
                 line.resize(wording + 15);
-            complaints.push_back(line);
+            complaints += (complaints.empty() ? "" : "\n") + line;
         }
         EXPECT_EQ(complaints, c.complaints);
 
@@ -264,23 +245,6 @@ TEST_F(UpdateTest, AMissingAgentIsRepairedAndALeftoverBackupReplaced) {
     ASSERT_EQ(PreUpdate(), 0u);
     EXPECT_FALSE(fs::exists(kBackup + L"\\stale.txt"));
     EXPECT_TRUE(fs::exists(kBackup + L"\\TarnAgent.exe"));
-}
-
-// The backup may hold read-only files, copied as they were: every removal
-// deletes them all the same.
-TEST_F(UpdateTest, ReadOnlyFilesNeverKeepABackupAlive) {
-    PlaceOldAgent();
-    WriteFile(kAgent + L"\\locked.dat", "read-only");
-    WriteFile(kAgent + L"\\locked.log", "read-only log");
-    for (const wchar_t* name : {L"\\locked.dat", L"\\locked.log"})
-        ASSERT_TRUE(SetFileAttributesW((kAgent + name).c_str(), FILE_ATTRIBUTE_READONLY));
-    ASSERT_EQ(PreUpdate(), 0u);
-    EXPECT_TRUE(fs::exists(kBackup + L"\\locked.dat"));
-    EXPECT_FALSE(fs::exists(kBackup + L"\\locked.log"));
-    ASSERT_EQ(PreUpdate(), 0u) << "the leftover backup is replaced";
-    EXPECT_EQ(zephExt_PostUpdate(), 0u);
-    EXPECT_FALSE(fs::exists(kBackup));
-    EXPECT_EQ(Complaints(Logged()), Lines{});
 }
 
 // A copy makes its target folder, never a missing parent: each stage fails instead.
