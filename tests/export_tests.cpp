@@ -87,6 +87,9 @@ TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
         {"]",
          R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
          {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 3"}},
+        {"", // no request at all
+         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
+         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 1"}},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));
@@ -94,48 +97,39 @@ TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
     }
 }
 
-TEST_F(ExportTest, EmptyQueryIsAParseError) {
-    const std::string response =
-        R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})";
-    EXPECT_EQ(Host(L"query"), QueryOutput(response));
-    EXPECT_EQ(
-        LoggedBesideBinding(),
-        QueryLog("", {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 1"}, response));
-}
-
-TEST_F(ExportTest, CommandsAreLoggedParsedAndValidated) {
+// A refused command or notification logs its entry, its request and why.
+TEST_F(ExportTest, CommandsAndNotificationsAreLoggedParsedAndValidated) {
     const std::string fourMembers =
         R"({"command_id":"ZEPH_ONCOMMAND_IAGT_SERVICE","product_id":"ZEPH_IPRODUCT_TARN",)"
         R"("command_data":{"command_type":"ZEPH_TYPE_IAGT_STOP"},"extra":0})";
-    EXPECT_EQ(Host(L"command", fourMembers), "zephExt_OnCommand -> 2\n");
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
-                     "D " + P + "zephExt_OnCommand - Request: " + fourMembers,
-                     "E " + P + "IsValidOnCommandRequest - Invalid request member count.",
-                     "E " + P + "zephExt_OnCommand - Invalid OnCommand request: " + fourMembers}));
-
-    EXPECT_EQ(Host(L"command", "not json"), "zephExt_OnCommand -> 2\n");
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand",
-                     "D " + P + "zephExt_OnCommand - Request: not json",
-                     "E " + P + "zephExt_OnCommand - rapidjson - parsing error: 3"}));
-}
-
-TEST_F(ExportTest, NotificationsAreLoggedParsedAndValidated) {
     const std::string badId =
         R"({"notify_id":"ZEPH_ONNOTIFY_X","product_id":"ZEPH_IPRODUCT_TARN","notify_data":{}})";
-    EXPECT_EQ(Host(L"notify", badId), "zephExt_OnNotify -> 2\n");
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
-                     "D " + P + "zephExt_OnNotify - Request: " + badId,
-                     "E " + P + "IsValidOnNotifyRequest - Invalid notify id.",
-                     "E " + P + "zephExt_OnNotify - Invalid OnNotify request"}));
-
-    EXPECT_EQ(Host(L"notify", "{"), "zephExt_OnNotify -> 2\n");
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify",
-                     "D " + P + "zephExt_OnNotify - Request: {",
-                     "E " + P + "zephExt_OnNotify - rapidjson - parsing error: 4"}));
+    const struct {
+        const wchar_t* call;
+        const char* exportName;
+        std::string request;
+        std::string why; // one or two lines
+    } cases[] = {
+        {L"command", "zephExt_OnCommand", fourMembers,
+         "E " + P + "IsValidOnCommandRequest - Invalid request member count.\nE " + P +
+             "zephExt_OnCommand - Invalid OnCommand request: " + fourMembers},
+        {L"command", "zephExt_OnCommand", "not json",
+         "E " + P + "zephExt_OnCommand - rapidjson - parsing error: 3"},
+        {L"notify", "zephExt_OnNotify", badId,
+         "E " + P + "IsValidOnNotifyRequest - Invalid notify id.\nE " + P +
+             "zephExt_OnNotify - Invalid OnNotify request"},
+        {L"notify", "zephExt_OnNotify", "{",
+         "E " + P + "zephExt_OnNotify - rapidjson - parsing error: 4"},
+    };
+    for (const auto& c : cases) {
+        const std::string name = c.exportName;
+        EXPECT_EQ(Host(c.call, c.request), name + " -> 2\n");
+        Lines expected = {"I " + P + name + " - >>> " + name,
+                          "D " + P + name + " - Request: " + c.request};
+        for (const std::string& line : SplitLines(c.why))
+            expected.push_back(line);
+        EXPECT_EQ(LoggedBesideBinding(), expected);
+    }
 }
 
 TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001) {

@@ -59,22 +59,6 @@ TEST_F(QueryTest, ClientFolderIsBesideTheParentProductsFolder) {
     EXPECT_EQ(ClientFile(L"C:\\x\\", L"a.exe"), L"C:\\x\\a.exe");
 }
 
-TEST_F(QueryTest, VersionsAreTheProductVersion) {
-    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_2));
-    FileVersion version;
-    ASSERT_TRUE(GetAgentVersion(version));
-    EXPECT_EQ(version.major, 3u);
-    EXPECT_EQ(version.minor, 2u);
-    EXPECT_EQ(version.third, 1045u);
-    EXPECT_EQ(version.build, 7u);
-    // A file without a version resource answers false without a word.
-    EXPECT_FALSE(GetFileVersion(std::wstring(AgentDouble::kClientFolder) + L"\\hdc.exe", version));
-    EXPECT_FALSE(GetFileVersion(L"C:\\ZephTestBed\\missing.exe", version));
-    EXPECT_EQ(Logged(), Lines{});
-    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
-    EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "3.3.9", "3.3.1100.9"));
-}
-
 TEST_F(QueryTest, AbsentAgentAnswersUnknownStateAndEmptyVersions) {
     EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "", ""));
     const std::string openFailed =
@@ -89,43 +73,44 @@ TEST_F(QueryTest, AbsentAgentAnswersUnknownStateAndEmptyVersions) {
                "E getServiceStatus - Unable to get service status. Treat as not installed."}));
 }
 
-TEST_F(QueryTest, StoppedRunningAndPausedAgent) {
-    ASSERT_TRUE(AgentDouble::Place());
-    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
-    ExpectStatus(3, 2);
-    ASSERT_TRUE(AgentDouble::Start());
-    ExpectStatus(7, 1);
-    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
-    ExpectStatus(7, 1);
-}
-
-TEST_F(QueryTest, PendingAgent) {
+// The versions of whichever agent is placed; then each state of its service.
+TEST_F(QueryTest, EveryServiceStateHasItsStatus) {
+    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
+    EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "3.3.9", "3.3.1100.9")); // not installed
+    Logged();
     ASSERT_TRUE(AgentDouble::Place());
     AgentDouble::Behaviour behaviour;
     behaviour.startDelayMs = 8000;
     behaviour.stuckStopPending = true;
     ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
     ASSERT_EQ(AgentDouble::RunInstall(), 0u);
+    ExpectStatus(3, 2);
     ASSERT_TRUE(AgentDouble::Start(SERVICE_START_PENDING));
     ExpectStatus(7, 3);
     ASSERT_TRUE(AgentDouble::Start(SERVICE_RUNNING));
+    ExpectStatus(7, 1);
+    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_PAUSE, SERVICE_PAUSED));
+    ExpectStatus(7, 1);
+    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_CONTINUE, SERVICE_RUNNING));
     ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOP_PENDING));
     ExpectStatus(7, 3);
 }
 
 TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
-    EXPECT_EQ(Run(getCommonSettings),
-              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":0}})");
     ASSERT_TRUE(AgentDouble::Place());
     std::wstring config = std::wstring(AgentDouble::kClientFolder) + L"\\config";
     CreateDirectoryW(config.c_str(), nullptr);
-    std::ofstream(Narrow(config + L"\\tn_agent.ini")) << "[Other]\nEnabled=1\n";
-    EXPECT_EQ(Run(getCommonSettings),
-              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":0}})");
-    std::ofstream(Narrow(config + L"\\tn_agent.ini"))
-        << "[Other]\nEnabled=1\n[Policy]\nEnabled=1\n";
-    EXPECT_EQ(Run(getCommonSettings),
-              R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":1}})");
+    const std::pair<const char*, char> cases[] = {
+        {nullptr, '0'},
+        {"[Other]\nEnabled=1\n", '0'},
+        {"[Other]\nEnabled=1\n[Policy]\nEnabled=1\n", '1'}};
+    for (const auto& [ini, enabled] : cases) {
+        if (ini)
+            std::ofstream(Narrow(config + L"\\tn_agent.ini")) << ini;
+        EXPECT_EQ(Run(getCommonSettings),
+                  R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":)" +
+                      std::string(1, enabled) + "}}");
+    }
     EXPECT_EQ(Logged(), Lines{});
 }
 
