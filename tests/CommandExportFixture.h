@@ -5,6 +5,8 @@
 #include "AgentControlFixture.h"
 #include "QvsockDouble.h"
 
+#include <cmath>
+#include <cstring>
 #include <fstream>
 
 // What the plug-in puts before each text it logs inside zephhost.exe.
@@ -46,6 +48,22 @@ inline std::string SelfProtection(int service) {
 inline std::string MoveClient() {
     return "notify {\"notify_id\":\"ZEPH_ONNOTIFY_CONTEXT_CHANGE\",\"product_id\":"
            "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SERVER_INFO\"}}";
+}
+
+// A frame as the agent must see it: magic "NTVQ", type, identifier, payload
+// length and payload, stamped with the UTC time of sending.
+inline void ExpectFrame(const std::string& frame, uint32_t type, uint32_t identifier,
+                        const std::string& payload = std::string()) {
+    ASSERT_EQ(frame.size(), 36 + payload.size());
+    const uint32_t head[] = {0x5156544E, type, identifier, 0, uint32_t(payload.size())};
+    EXPECT_EQ(frame.substr(0, 20), std::string(reinterpret_cast<const char*>(head), 20));
+    EXPECT_EQ(frame.substr(36), payload);
+    SYSTEMTIME stamp = {};
+    memcpy(&stamp, frame.data() + 20, sizeof(stamp));
+    ULARGE_INTEGER stampTime = {}, now = {};
+    ASSERT_TRUE(SystemTimeToFileTime(&stamp, reinterpret_cast<FILETIME*>(&stampTime)));
+    GetSystemTimeAsFileTime(reinterpret_cast<FILETIME*>(&now));
+    EXPECT_LT(std::abs(double(now.QuadPart) - double(stampTime.QuadPart)), 5 * 600000000.0);
 }
 
 class CommandExportTest : public AgentControlTest {

@@ -35,3 +35,11 @@ class LogCaptureTest : public ::testing::Test {
 };
 
 using Lines = std::vector<std::string>;
+
+// The lines as one text, each ended by a line break: what compact tables hold.
+inline std::string Text(const Lines& lines) {
+    std::string text;
+    for (const std::string& line : lines)
+        text += line + "\n";
+    return text;
+}

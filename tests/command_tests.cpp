@@ -54,7 +54,7 @@ TEST_F(CommandExportTest, StartAndStopRecordTheServiceStatus) {
     EXPECT_EQ(ServiceStatusValue(), 0u);
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0].substr(4, 8), std::string("\3\0\0\0\1\0\0\0", 8)) << "stop, identifier 1";
+    ExpectFrame(frames[0], 3, 1); // stop
     Logged();
 
     // A stopped agent serves no pipe: one attempt, no retry, and a failed stop.
@@ -111,7 +111,7 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
     EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0].substr(36), "{\"service\":0}");
+    ExpectFrame(frames[0], 2, 1, "{\"service\":0}"); // self-protection status
     EXPECT_EQ(AgentDouble::State(), 0u);
     EXPECT_FALSE(ClientFolderExists());
 
@@ -164,9 +164,9 @@ TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 3u);
     // notify, clear driver configuration, stop: identifiers 1 to 3
-    EXPECT_EQ(frames[0].substr(4, 8), std::string("\1\0\0\0\1\0\0\0", 8));
-    EXPECT_EQ(frames[1].substr(4, 8), std::string("\x69\0\0\0\2\0\0\0", 8));
-    EXPECT_EQ(frames[2].substr(4, 8), std::string("\3\0\0\0\3\0\0\0", 8));
+    ExpectFrame(frames[0], 1, 1);
+    ExpectFrame(frames[1], 105, 2);
+    ExpectFrame(frames[2], 3, 3);
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(ServiceStatusValue(), 0u);
     EXPECT_EQ(IniEnabled(), "0");
@@ -214,7 +214,7 @@ TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
               (Lines{Result("zephExt_OnNotify", 0), Result("zephExt_OnNotify", 0)}));
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0].substr(36), "{\"service\":1}");
+    ExpectFrame(frames[0], 2, 1, "{\"service\":1}");
     EXPECT_EQ(ServerCalls(),
               Lines{ServerCall(3, 0, "ZEPH_ONNOTIFY_CONTEXT_CHANGE+MOVE_CLIENT+Result=0")});
     Logged();

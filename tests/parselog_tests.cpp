@@ -263,53 +263,33 @@ TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
     Fields badProtocol = ShortRecord();
     badProtocol[7] = "256";
     const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
-    const std::string invalid = "E zephExt_ParseLog - Invalid detection log.";
+    const std::string invalid = "E zephExt_ParseLog - Invalid detection log.\n";
+    const uint32_t kFailed = RESULT_PARSELOG_FAILED, kInvalid = RESULT_PARSELOG_INVALID;
     const struct {
         const char* name;
         std::string content; // "(none)": no such file
         bool unbound;        // the host's install path is gone
         uint32_t result;
         bool kept;
-        Lines logged;
+        std::string logged;
     } cases[] = {
         // The binding's refusal, then nothing from the export.
-        {"no host",
-         "",
-         true,
-         RESULT_PARSELOG_FAILED,
-         true,
-         {"E utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
-              "\\Application Path', err=2\n",
-          "E GetCRVLInstallPath - Cannot find value(Application Path) under "
-          "key(HKEY_LOCAL_MACHINE\\" +
-              key + ")",
-          "E init - Unable to get CRVL install path.",
-          "E IsValidLoader - Unable to initialize zephAgent dll."}},
-        {"empty", "", false, RESULT_PARSELOG_INVALID, false, {"E zephExt_ParseLog - Empty file"}},
-        {"empty first line",
-         "\n" + std::string(kShortRecord),
-         false,
-         RESULT_PARSELOG_INVALID,
-         false,
-         {"E verifyLog - Invalid format", invalid}},
-        {"28 fields",
-         Join(Fields(28, "0")) + "\n",
-         false,
-         RESULT_PARSELOG_INVALID,
-         false,
-         {"E verifyLog - Invalid format", invalid}},
-        {"bad protocol",
-         Join(badProtocol),
-         false,
-         RESULT_PARSELOG_INVALID,
-         false,
-         {"E verifyLog - 'Protocol' invalid format", invalid}},
-        {"missing",
-         "(none)",
-         false,
-         RESULT_PARSELOG_FAILED,
-         false,
-         {"E zephExt_ParseLog - Can't open the file: " + Narrow(kFile)}},
+        {"no host", "", true, kFailed, true,
+         "E utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
+             "\\Application Path', err=2\n\nE GetCRVLInstallPath - Cannot find value(Application "
+             "Path) under key(HKEY_LOCAL_MACHINE\\" +
+             key +
+             ")\nE init - Unable to get CRVL install path.\nE IsValidLoader - Unable to initialize "
+             "zephAgent dll.\n"},
+        {"empty", "", false, kInvalid, false, "E zephExt_ParseLog - Empty file\n"},
+        {"empty first line", "\n" + std::string(kShortRecord), false, kInvalid, false,
+         "E verifyLog - Invalid format\n" + invalid},
+        {"28 fields", Join(Fields(28, "0")) + "\n", false, kInvalid, false,
+         "E verifyLog - Invalid format\n" + invalid},
+        {"bad protocol", Join(badProtocol), false, kInvalid, false,
+         "E verifyLog - 'Protocol' invalid format\n" + invalid},
+        {"missing", "(none)", false, kFailed, false,
+         "E zephExt_ParseLog - Can't open the file: " + Narrow(kFile) + "\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -329,7 +309,7 @@ TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
         EXPECT_EQ(call.data, "(none)");
         EXPECT_EQ(call.dataSize, 0xA5A5A5A5u);
         EXPECT_EQ(Exists(kFile), c.kept);
-        EXPECT_EQ(Logged(), c.logged);
+        EXPECT_EQ(Text(Logged()), c.logged);
     }
 
     // Another reader that does not share deletion: the failure is logged, the result stands.
