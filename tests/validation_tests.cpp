@@ -31,7 +31,7 @@ class ValidationTest : public LogCaptureTest {
 #define INSTALL R"("command_id":"ZEPH_ONCOMMAND_INSTALLATION","product_id":"ZEPH_IPRODUCT_TARN")"
 #define POLICY R"("command_id":"ZEPH_ONCOMMAND_IAGENT_POLICY","product_id":"ZEPH_IPRODUCT_TARN")"
 
-TEST_F(ValidationTest, CommandEnvelope) {
+TEST_F(ValidationTest, Commands) {
     Check(
         IsValidOnCommandRequest,
         {
@@ -53,30 +53,17 @@ TEST_F(ValidationTest, CommandEnvelope) {
              "IsValidOnCommandRequest - Invalid command format."},
             {"{" SERVICE R"(,"data":{}})", false,
              "IsValidOnCommandRequest - Invalid command format."},
-        });
-}
-
-TEST_F(ValidationTest, ServiceCommands) {
-    Check(IsValidOnCommandRequest,
-          {
-              {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_START"}})", true, ""},
-              {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_START","extra":1}})",
-               false, "isValidServiceRequest - Invalid command data."},
-              {"{" SERVICE R"(,"command_data":{"type":"ZEPH_TYPE_IAGT_START"}})", false,
-               "isValidServiceRequest - Invalid command data."},
-              {"{" SERVICE R"(,"command_data":"ZEPH_TYPE_IAGT_START"})", false,
-               "isValidServiceRequest - Invalid command data."},
-              {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_RESTART"}})", false,
-               "isValidServiceRequest - Invalid command type."},
-              {"{" SERVICE R"(,"command_data":{"command_type":1}})", false,
-               "isValidServiceRequest - Invalid command type."},
-          });
-}
-
-TEST_F(ValidationTest, InstallationCommands) {
-    Check(
-        IsValidOnCommandRequest,
-        {
+            {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_START"}})", true, ""},
+            {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_START","extra":1}})",
+             false, "isValidServiceRequest - Invalid command data."},
+            {"{" SERVICE R"(,"command_data":{"type":"ZEPH_TYPE_IAGT_START"}})", false,
+             "isValidServiceRequest - Invalid command data."},
+            {"{" SERVICE R"(,"command_data":"ZEPH_TYPE_IAGT_START"})", false,
+             "isValidServiceRequest - Invalid command data."},
+            {"{" SERVICE R"(,"command_data":{"command_type":"ZEPH_TYPE_IAGT_RESTART"}})", false,
+             "isValidServiceRequest - Invalid command type."},
+            {"{" SERVICE R"(,"command_data":{"command_type":1}})", false,
+             "isValidServiceRequest - Invalid command type."},
             {"{" INSTALL R"(,"command_data":{"command_type":"ZEPH_IAGENT_UNINSTALL"}})", true, ""},
             {"{" INSTALL
              R"(,"command_data":{"command_type":"ZEPH_IAGENT_INSTALL","PkgPath":"C:\\pkg","x":1}})",
@@ -92,33 +79,27 @@ TEST_F(ValidationTest, InstallationCommands) {
             {"{" INSTALL
              R"(,"command_data":{"command_type":"ZEPH_IAGENT_INSTALL","PkgPath":null}})",
              false, "isValidInstallRequest - Invalid Package Path."},
+            {"{" POLICY
+             R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY","cfg_flag":1}})",
+             true, ""},
+            // Any present flag passes validation, whatever its type.
+            {"{" POLICY
+             R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY","cfg_flag":"1"}})",
+             true, ""},
+            {"{" POLICY R"(,"command_data":{"cfg_flag":1}})", false,
+             "isValidIssuePolicyRequest - Invalid command data."},
+            {"{" POLICY R"(,"command_data":{"command_type":"ZEPH_IAGENT_INSTALL","cfg_flag":1}})",
+             false, "isValidIssuePolicyRequest - Invalid command type."},
+            {"{" POLICY R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY"}})", false,
+             "isValidIssuePolicyRequest - Invalid command policy flag."},
         });
-}
-
-TEST_F(ValidationTest, PolicyCommands) {
-    Check(IsValidOnCommandRequest,
-          {
-              {"{" POLICY
-               R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY","cfg_flag":1}})",
-               true, ""},
-              // Any present flag passes validation, whatever its type.
-              {"{" POLICY
-               R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY","cfg_flag":"1"}})",
-               true, ""},
-              {"{" POLICY R"(,"command_data":{"cfg_flag":1}})", false,
-               "isValidIssuePolicyRequest - Invalid command data."},
-              {"{" POLICY R"(,"command_data":{"command_type":"ZEPH_IAGENT_INSTALL","cfg_flag":1}})",
-               false, "isValidIssuePolicyRequest - Invalid command type."},
-              {"{" POLICY R"(,"command_data":{"command_type":"ZEPH_IAGENT_ISSUE_POLICY"}})", false,
-               "isValidIssuePolicyRequest - Invalid command policy flag."},
-          });
 }
 
 #define ADMIN R"("notify_id":"ZEPH_ONNOTIFY_ADMIN_CFG_CHANGE","product_id":"ZEPH_IPRODUCT_TARN")"
 #define CONTEXT R"("notify_id":"ZEPH_ONNOTIFY_CONTEXT_CHANGE","product_id":"ZEPH_IPRODUCT_TARN")"
 #define SELF_PROTECTION R"("notify_type":"ZEPH_TYPE_SELF_PROTECTION")"
 
-TEST_F(ValidationTest, NotifyEnvelopeAndServerMove) {
+TEST_F(ValidationTest, Notifications) {
     Check(
         IsValidOnNotifyRequest,
         {
@@ -136,40 +117,34 @@ TEST_F(ValidationTest, NotifyEnvelopeAndServerMove) {
              nullptr},
             {"{" CONTEXT R"(,"notify_data":{}})", false, nullptr},
             {"{" CONTEXT R"(,"notify_data":5})", false, nullptr},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":{"service":1}}}})",
+             true, ""},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":{"service":0,"other":true}}}})",
+             true, ""},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION "}}", false,
+             "isValidAdminConfigChangeNotifyData - Invalid notify data."},
+            {"{" ADMIN
+             R"(,"notify_data":{"notify_type":"ZEPH_TYPE_SERVER_INFO","notify_content":{}}})",
+             false, "isValidAdminConfigChangeNotifyData - Invalid notify data."},
+            {"{" ADMIN R"(,"notify_data":{"notify_type":1,"notify_content":{}}})", false,
+             "isValidAdminConfigChangeNotifyData - Invalid notify data."},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION R"(,"notify_content":{}}})", false,
+             "isValidSelfProtectionNotifyContent - Invalid notify content."},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":[1]}}})",
+             false, "isValidSelfProtectionNotifyContent - Invalid notify content."},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":{"service":2}}}})",
+             false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":{"service":"1"}}}})",
+             false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
+            {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
+             R"(,"notify_content":{"enable":{"service":1.0}}}})",
+             false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
         });
-}
-
-TEST_F(ValidationTest, SelfProtectionNotifications) {
-    Check(IsValidOnNotifyRequest,
-          {
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":{"service":1}}}})",
-               true, ""},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":{"service":0,"other":true}}}})",
-               true, ""},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION "}}", false,
-               "isValidAdminConfigChangeNotifyData - Invalid notify data."},
-              {"{" ADMIN
-               R"(,"notify_data":{"notify_type":"ZEPH_TYPE_SERVER_INFO","notify_content":{}}})",
-               false, "isValidAdminConfigChangeNotifyData - Invalid notify data."},
-              {"{" ADMIN R"(,"notify_data":{"notify_type":1,"notify_content":{}}})", false,
-               "isValidAdminConfigChangeNotifyData - Invalid notify data."},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION R"(,"notify_content":{}}})", false,
-               "isValidSelfProtectionNotifyContent - Invalid notify content."},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":[1]}}})",
-               false, "isValidSelfProtectionNotifyContent - Invalid notify content."},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":{"service":2}}}})",
-               false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":{"service":"1"}}}})",
-               false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
-              {"{" ADMIN R"(,"notify_data":{)" SELF_PROTECTION
-               R"(,"notify_content":{"enable":{"service":1.0}}}})",
-               false, "isValidSelfProtectionNotifyContent - Invalid service protection flag."},
-          });
 }
 
 #define QUERY_TAIL R"(,"product_id":"ZEPH_IPRODUCT_TARN")"

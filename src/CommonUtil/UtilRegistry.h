@@ -36,7 +36,6 @@ class utilRegKey {
     bool SetValueWithCreate(const std::wstring& valueName, const uint32_t* value);
 
     LONG LastError() const { return m_lastError; }
-    HKEY Root() const { return m_root; }
     const std::wstring& SubKey() const { return m_subKey; }
 
   private:
