@@ -8,22 +8,12 @@ namespace {
 
 const std::wstring kIniFile = std::wstring(AgentDouble::kClientFolder) + L"\\config\\tn_agent.ini";
 
-// What the server double heard: notify type, result and command text of each call.
+// What the server double hears of one notification: its type, result and command text.
 std::string ServerCall(int notifyType, int32_t result, const std::string& commandText) {
-    return "{\"name\":\"NotifyResult\",\"notifyType\":" + std::to_string(notifyType) +
-           ",\"result\":" + std::to_string(result) + "}|Tarn+" + commandText;
-}
-Lines ServerCalls() {
-    Lines calls;
-    for (const std::string& line : QvsockDouble::Journal()) {
-        std::vector<std::string> fields;
-        size_t start = 0;
-        for (size_t bar; (bar = line.find('|', start)) != std::string::npos; start = bar + 1)
-            fields.push_back(line.substr(start, bar - start));
-        fields.push_back(line.substr(start));
-        calls.push_back(fields.size() > 3 ? fields[3] + "|" + fields.back() : line);
-    }
-    return calls;
+    return QvsockDouble::JournalLine(
+        "{\"name\":\"NotifyResult\",\"notifyType\":" + std::to_string(notifyType) +
+            ",\"result\":" + std::to_string(result) + "}",
+        commandText);
 }
 std::string PolicyResult(const char* action, int32_t statusCode) {
     return ServerCall(action[0] == 'E' ? 0 : 1, statusCode,
@@ -101,7 +91,7 @@ TEST_F(CommandExportTest, InstallResultsLeaveTheirStatusCode) {
             std::any_of(hostCalls.begin(), hostCalls.end(),
                         [](const std::string& call) { return call.rfind("SystemCall", 0) == 0; }),
             c.reboot);
-        EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Enable", c.statusSent)});
+        EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Enable", c.statusSent)});
         Logged();
     }
 }
@@ -147,7 +137,7 @@ TEST_F(CommandExportTest, PolicyFlagsWithoutARunningAgent) {
         MakeConfigFolder();
         EXPECT_EQ(Host({Policy(c.flag)}), Lines{CommandResult(c.result)});
         EXPECT_EQ(IniEnabled(), c.enabled);
-        EXPECT_EQ(ServerCalls(), c.serverCalls);
+        EXPECT_EQ(QvsockDouble::Journal(), c.serverCalls);
         Lines complaints = PluginComplaints();
         if (c.result != 0) {
             EXPECT_EQ(complaints, (Lines{"E handleNotifyFlag - Unknown flag.",
@@ -170,7 +160,7 @@ TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(ServiceStatusValue(), 0u);
     EXPECT_EQ(IniEnabled(), "0");
-    EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Disable", 0)})
+    EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Disable", 0)})
         << "a successful enable is not sent";
     EXPECT_EQ(PluginComplaints(), Lines{"W StartTarn - The service is alreay running. Skip "
                                         "further steps. Current state: 4"});
@@ -181,7 +171,7 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
     refusing.answerRetCode = 7; // the agent refuses to clear its driver configuration
     RunAgent(refusing);
     EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
-    EXPECT_EQ(ServerCalls(), Lines{PolicyResult("Disable", 201512002)});
+    EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Disable", 201512002)});
     EXPECT_EQ(
         PluginComplaints(),
         (Lines{"E ClearDriverConfig - clearConfig - return code in ResponseCommand is failed. (7)",
@@ -200,7 +190,7 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
         (std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN").c_str(), L"PolicyData",
         policyFile));
     EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
-    EXPECT_TRUE(ServerCalls().empty());
+    EXPECT_TRUE(QvsockDouble::Journal().empty());
     EXPECT_EQ(GetFileAttributesW(policyFile.c_str()), INVALID_FILE_ATTRIBUTES);
     std::wstring policyData = L"unread";
     TestBedRegistry::ReadText((std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN").c_str(),
@@ -215,7 +205,7 @@ TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
     ExpectFrame(frames[0], 2, 1, "{\"service\":1}");
-    EXPECT_EQ(ServerCalls(),
+    EXPECT_EQ(QvsockDouble::Journal(),
               Lines{ServerCall(3, 0, "ZEPH_ONNOTIFY_CONTEXT_CHANGE+MOVE_CLIENT+Result=0")});
     Logged();
 

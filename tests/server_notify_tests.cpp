@@ -12,11 +12,6 @@ const std::string kSent =
 const std::string kTalkFailed = "E sendNotifyResultToServer - Unable to talk to Tarn Server.";
 const std::string kInvalid = "E sendNotifyResultToServer - Invalid response format.";
 
-std::string JournalLine(const std::string& body, const std::string& command) {
-    return "qvSendHttpToCRVLServer2|corvale_tarn/command|0|" + body + "|" +
-           std::to_string(body.size()) + "|.\\qvsock_response|out|out|0|Tarn+" + command;
-}
-
 bool AnswerFileExists() {
     return GetFileAttributesA(kAnswerFile) != INVALID_FILE_ATTRIBUTES;
 }
@@ -44,9 +39,9 @@ class ServerNotifyTest : public LogCaptureTest {
     void ExpectNotified(bool expected, const Lines& log) {
         EXPECT_EQ(sendNotifyResultToServer(1, 0, "cmd"), expected);
         EXPECT_EQ(Logged(), log);
-        EXPECT_EQ(
-            QvsockDouble::Journal(),
-            Lines{JournalLine(R"({"name":"NotifyResult","notifyType":1,"result":0})", "cmd")});
+        EXPECT_EQ(QvsockDouble::Journal(),
+                  Lines{QvsockDouble::JournalLine(
+                      R"({"name":"NotifyResult","notifyType":1,"result":0})", "cmd")});
         EXPECT_FALSE(AnswerFileExists());
         QvsockDouble::ClearJournal();
     }
@@ -106,9 +101,11 @@ TEST_F(ServerNotifyTest, RecordAndCommandTextReachTheLibrary) {
     EXPECT_TRUE(sendNotifyResultToServer(-7, 2147483647, "Install=\"x y\"|z"));
     EXPECT_TRUE(sendNotifyResultToServer(0, -1, ""));
     EXPECT_EQ(QvsockDouble::Journal(),
-              (Lines{JournalLine(R"({"name":"NotifyResult","notifyType":-7,"result":2147483647})",
-                                 "Install=\"x y\"|z"),
-                     JournalLine(R"({"name":"NotifyResult","notifyType":0,"result":-1})", "")}));
+              (Lines{QvsockDouble::JournalLine(
+                         R"({"name":"NotifyResult","notifyType":-7,"result":2147483647})",
+                         "Install=\"x y\"|z"),
+                     QvsockDouble::JournalLine(
+                         R"({"name":"NotifyResult","notifyType":0,"result":-1})", "")}));
     EXPECT_EQ(Logged(), (Lines{kSent, kSent}));
 }
 

@@ -44,6 +44,11 @@ bool SetBehaviour(const Behaviour& behaviour);
 // "qvSendHttpToCRVLServer2|path|flag|body|length|file|out|out|reserved|command".
 std::vector<std::string> Journal();
 void ClearJournal();
+// The journal line of the plug-in's call that sends `body` with `command`.
+inline std::string JournalLine(const std::string& body, const std::string& command) {
+    return "qvSendHttpToCRVLServer2|corvale_tarn/command|0|" + body + "|" +
+           std::to_string(body.size()) + "|.\\qvsock_response|out|out|0|Tarn+" + command;
+}
 // Deletes the behaviour key and the journal.
 void Remove();
 
