@@ -107,16 +107,22 @@ class CommandExportTest : public AgentControlTest {
     static std::string CommandResult(uint32_t result) {
         return Result("zephExt_OnCommand", result);
     }
-    // The complaints of the plug-in, without the host's prefix.
-    Lines PluginComplaints() {
+    // What the plug-in logged, without the host's prefix.
+    Lines PluginLog() {
         Lines lines;
-        for (std::string line : Complaints(Logged())) {
+        for (std::string line : Logged()) {
             size_t prefix = line.find(P);
             if (prefix != std::string::npos)
                 line.erase(prefix, P.size());
             lines.push_back(line);
         }
         return lines;
+    }
+    Lines PluginComplaints() { return Complaints(PluginLog()); }
+    // Each of `lines` was logged.
+    static void ExpectAmong(const Lines& log, const Lines& lines) {
+        for (const std::string& line : lines)
+            EXPECT_TRUE(Contains(log, line)) << line << "\nnot among:\n" << Text(log);
     }
     static void MakeConfigFolder() {
         ASSERT_TRUE(CreateFolderTree(std::wstring(AgentDouble::kClientFolder) + L"\\config"));

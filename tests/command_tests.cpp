@@ -38,7 +38,7 @@ TEST_F(CommandExportTest, StartAndStopRecordTheServiceStatus) {
     EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_START")}), Lines{CommandResult(0)});
     EXPECT_EQ(ServiceStatusValue(), 1u);
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
-    Logged();
+    ExpectAmong(PluginLog(), {"D StartTarn - Service started successfully."});
 
     EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_STOP")}), Lines{CommandResult(0)});
     EXPECT_EQ(ServiceStatusValue(), 0u);
@@ -92,7 +92,8 @@ TEST_F(CommandExportTest, InstallResultsLeaveTheirStatusCode) {
                         [](const std::string& call) { return call.rfind("SystemCall", 0) == 0; }),
             c.reboot);
         EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Enable", c.statusSent)});
-        Logged();
+        ExpectAmong(PluginLog(), {"D InstallTarn - Install Tarn to C:\\ZephTestBed\\iService\\Tarn",
+                                  "D InstallTarn - Tarn Agent service not exist. Will install..."});
     }
 }
 
@@ -104,6 +105,8 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
     ExpectFrame(frames[0], 2, 1, "{\"service\":0}"); // self-protection status
     EXPECT_EQ(AgentDouble::State(), 0u);
     EXPECT_FALSE(ClientFolderExists());
+    ExpectAmong(PluginLog(), {"D UninstallTarn - Tarn Agent service exists. Uninstall...",
+                              "D UninstallTarn - Deleted 3 file(s)."});
 
     AgentDouble::Remove();
     InstallAgent();
@@ -162,8 +165,14 @@ TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
     EXPECT_EQ(IniEnabled(), "0");
     EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Disable", 0)})
         << "a successful enable is not sent";
-    EXPECT_EQ(PluginComplaints(), Lines{"W StartTarn - The service is alreay running. Skip "
-                                        "further steps. Current state: 4"});
+    Lines log = PluginLog();
+    ExpectAmong(log, {"D NotifyTarnAgent - get reponse: dwTxRetCode(0), dwDataLength(0)",
+                      "D ClearDriverConfig - >> ClearDriverConfig",
+                      "D TarnAgentPipeClient::SendData - sending 36 bytes\n",
+                      "D TarnAgentPipeClient::SendData - 36 bytes were sent\n",
+                      "D sendCmdToServer - dwResult: 0"});
+    EXPECT_EQ(Complaints(log), Lines{"W StartTarn - The service is alreay running. Skip "
+                                     "further steps. Current state: 4"});
 }
 
 TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
@@ -205,6 +214,8 @@ TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
     ExpectFrame(frames[0], 2, 1, "{\"service\":1}");
+    ExpectAmong(PluginLog(), {"D SendSelfProtectionStatus - >> SendSelfProtectionStatus",
+                              "D TarnAgentPipeClient::SendData - sending 49 bytes\n"});
     EXPECT_EQ(QvsockDouble::Journal(),
               Lines{ServerCall(3, 0, "ZEPH_ONNOTIFY_CONTEXT_CHANGE+MOVE_CLIENT+Result=0")});
     Logged();

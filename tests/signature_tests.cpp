@@ -49,6 +49,13 @@ std::vector<std::string> OneEntryAbout(const std::string& path) {
             "CloseEventSource|0x51"};
 }
 
+// A pointer as the reporter logs it: the low 32 bits in upper-case hex.
+std::string Shown(const void* pointer) {
+    char text[16];
+    snprintf(text, sizeof(text), "%X", static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+    return text;
+}
+
 // Lines that start with `prefix`, in order.
 Lines Starting(const Lines& lines, const std::string& prefix) {
     Lines found;
@@ -356,11 +363,7 @@ TEST_F(EventLogReporter, ForwardsEachCallAndLogsAroundIt) {
               (std::vector<std::string>{"InitDefaultEventSource|Src|7", "OpenEventSource|host|Src",
                                         "ReportEventLogEx|0x51|2|5|0x80050258|text|0",
                                         "CloseEventSource|0x51"}));
-    // A pointer as the reporter logs it: the low 32 bits in upper-case hex.
-    char place[16];
-    snprintf(place, sizeof(place), "%X",
-             static_cast<unsigned>(reinterpret_cast<uintptr_t>(&source)));
-    const std::string open = kForward + "OpenEventSource(host, Src, " + place + ")";
+    const std::string open = kForward + "OpenEventSource(host, Src, " + Shown(&source) + ")";
     EXPECT_EQ(
         Logged(),
         (Lines{kForward + "InitDefaultEventSource(Src)",
@@ -412,7 +415,9 @@ TEST_F(EventLogReporter, LibrariesThatCannotServeAreNotKept) {
     EXPECT_EQ(notify.OpenEventSource(nullptr, "Src", &source), CQvNotifyDLL::kExportMissing);
     EXPECT_EQ(notify.ReportEventLogEx(source, 2, 5, 1, "m"), CQvNotifyDLL::kExportMissing);
     EXPECT_EQ(notify.CloseEventSource(source), CQvNotifyDLL::kExportMissing);
-    EXPECT_EQ(Starting(Logged(), kForward + "OpenEventSource(NULL").size(), 2u);
+    const std::string open = kForward + "OpenEventSource(NULL, Src, " + Shown(&source) + ")";
+    EXPECT_EQ(Starting(Logged(), kForward + "OpenEventSource(NULL"),
+              (Lines{open, open + " return -2"}));
     EXPECT_EQ(QvNotifyJournal(), std::vector<std::string>{});
 }
 
