@@ -3,52 +3,15 @@
 // DLL in a fresh process per script, with the agent, host library and HTTP
 // library doubles on the far ends.
 #include "AgentControlFixture.h"
+#include "HostScript.h"
 #include "QvsockDouble.h"
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
 
-// What the plug-in puts before each text it logs inside zephhost.exe.
-inline const std::string P = "[zephExt_TarnClient][zephhost.exe]";
 inline const wchar_t kAgentKey[] = L"SOFTWARE\\Quorvane\\TarnAgent";
 inline const wchar_t kProductKey[] =
     L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
-
-// Script lines for zephhost.exe.
-inline std::string Command(const std::string& id, const std::string& data) {
-    return "command {\"command_id\":\"" + id +
-           "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"command_data\":" + data + "}";
-}
-inline std::string Service(const std::string& type) {
-    return Command("ZEPH_ONCOMMAND_IAGT_SERVICE", "{\"command_type\":\"" + type + "\"}");
-}
-inline std::string Install() {
-    std::string folder = Narrow(BinDir()); // ends in a backslash, as the host gives it
-    std::string escaped;
-    for (char c : folder)
-        escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-    return Command("ZEPH_ONCOMMAND_INSTALLATION",
-                   "{\"command_type\":\"ZEPH_IAGENT_INSTALL\",\"PkgPath\":\"" + escaped + "\"}");
-}
-inline std::string Uninstall() {
-    return Command("ZEPH_ONCOMMAND_INSTALLATION", "{\"command_type\":\"ZEPH_IAGENT_UNINSTALL\"}");
-}
-inline std::string Policy(int flag) {
-    return Command("ZEPH_ONCOMMAND_IAGENT_POLICY",
-                   "{\"command_type\":\"ZEPH_IAGENT_ISSUE_POLICY\",\"cfg_flag\":" +
-                       std::to_string(flag) + "}");
-}
-inline std::string SelfProtection(int service) {
-    return "notify {\"notify_id\":\"ZEPH_ONNOTIFY_ADMIN_CFG_CHANGE\",\"product_id\":"
-           "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SELF_PROTECTION\","
-           "\"notify_content\":{\"enable\":{\"service\":" +
-           std::to_string(service) + "}}}}";
-}
-inline std::string MoveClient() {
-    return "notify {\"notify_id\":\"ZEPH_ONNOTIFY_CONTEXT_CHANGE\",\"product_id\":"
-           "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SERVER_INFO\"}}";
-}
 
 // A frame as the agent must see it: magic "NTVQ", type, identifier, payload
 // length and payload, stamped with the UTC time of sending.
@@ -83,17 +46,7 @@ class CommandExportTest : public AgentControlTest {
     // Runs the calls in one zephhost.exe process; answers each export's result
     // ("zephExt_OnCommand -> 0", ...) in order.
     static Lines Host(const Lines& calls) {
-        char temp[MAX_PATH];
-        GetTempPathA(MAX_PATH, temp);
-        std::string script = std::string(temp) + "zephhost_commands.txt";
-        std::ofstream file(script, std::ios::binary);
-        for (const std::string& call : calls)
-            file << call << "\n";
-        file.close();
-        ProcessResult run =
-            RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"--script",
-                        Widen(script)},
-                       180000);
+        ProcessResult run = RunHostScript(calls);
         EXPECT_FALSE(run.timedOut);
         Lines results;
         for (const std::string& line : SplitLines(run.output))

@@ -36,6 +36,9 @@ class LogCaptureTest : public ::testing::Test {
 
 using Lines = std::vector<std::string>;
 
+// What the plug-in puts before each text it logs inside zephhost.exe.
+inline const std::string P = "[zephExt_TarnClient][zephhost.exe]";
+
 // The lines as one text, each ended by a line break: what compact tables hold.
 inline std::string Text(const Lines& lines) {
     std::string text;

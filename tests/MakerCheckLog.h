@@ -54,3 +54,10 @@ inline Lines WithoutBlock(const Lines& logged, const Lines& block) {
     rest.insert(rest.end(), at + block.size(), logged.end());
     return rest;
 }
+
+// `logged` without the host binding's maker check, which every fresh
+// zephhost.exe process logs once, on its first bound export.
+inline Lines WithoutBinding(const Lines& logged) {
+    const std::wstring library = std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll";
+    return WithoutBlock(logged, MakerCheckPassed(P, Narrow(library), true));
+}

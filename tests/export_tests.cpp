@@ -1,15 +1,12 @@
 // The plug-in as the host sees it: the real DLL, loaded by zephhost.exe in a
 // fresh process per scenario, with the log records it sent to our server.
+#include "HostScript.h"
 #include "LogCapture.h"
 #include "MakerCheckLog.h"
 
 #include <algorithm>
-#include <fstream>
 
 namespace {
-
-const std::string P = "[zephExt_TarnClient][zephhost.exe]";
-const std::string kGenericFailure = "17039362"; // 0x1040002
 
 class ExportTest : public LogCaptureTest {
   protected:
@@ -20,34 +17,12 @@ class ExportTest : public LogCaptureTest {
     }
     void TearDown() override { SimulatedInstall::Remove(); }
 
-    // The records without the host binding's maker check, which every fresh
-    // zephhost.exe process logs once, on its first bound export.
-    Lines LoggedBesideBinding() {
-        return WithoutBlock(
-            Logged(),
-            MakerCheckPassed(
-                P, Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll"), true));
-    }
-
     // Runs one call of zephhost.exe and answers what it printed.
     std::string Host(const std::wstring& call, const std::string& argument = std::string()) {
-        std::vector<std::wstring> arguments = {BinPath(L"zephhost.exe"),
-                                               BinPath(L"zephExt_TarnClient.dll"), call};
-        if (!argument.empty())
-            arguments.push_back(Widen(argument));
-        ProcessResult result = RunProcess(arguments);
+        ProcessResult result = RunHost({call, Widen(argument)});
         EXPECT_FALSE(result.timedOut);
         EXPECT_EQ(result.exitCode, 0u) << result.output;
         return result.output;
-    }
-
-    // A script of calls for one zephhost.exe process; answers its path.
-    static std::string WriteScript(const std::string& calls) {
-        char path[MAX_PATH];
-        GetTempPathA(MAX_PATH, path);
-        std::string file = std::string(path) + "zephhost_script.txt";
-        std::ofstream(file, std::ios::binary) << calls;
-        return file;
     }
 
     // What one query answers: the export's result, the response and its length.
@@ -93,7 +68,7 @@ TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));
-        EXPECT_EQ(LoggedBesideBinding(), QueryLog(c.request, c.between, c.response));
+        EXPECT_EQ(WithoutBinding(Logged()), QueryLog(c.request, c.between, c.response));
     }
 }
 
@@ -128,68 +103,55 @@ TEST_F(ExportTest, CommandsAndNotificationsAreLoggedParsedAndValidated) {
                           "D " + P + name + " - Request: " + c.request};
         for (const std::string& line : SplitLines(c.why))
             expected.push_back(line);
-        EXPECT_EQ(LoggedBesideBinding(), expected);
+        EXPECT_EQ(WithoutBinding(Logged()), expected);
     }
 }
 
-TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001) {
-    // The host pre-fills the record; the plug-in writes all but the first field
-    // and the padding after the flag byte.
-    std::string output = Host(L"prereq");
-    const std::string expected = "zephExt_GetPrerequest -> 0\n"
-                                 "record: reserved=2779096485 kind=100 major=3 minor=0 build=1001 "
-                                 "flag=0\n"
-                                 "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 00 00 00 00 e9 03 00 "
-                                 "00 00";
-    EXPECT_EQ(output.rfind(expected, 0), 0u) << output;
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
-                     "E " + P + "zephExt_GetPrerequest - Unalbe to get agent version.",
-                     "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"}));
-}
-
-TEST_F(ExportTest, UpdateContextIsCreatedAndReleased) {
-    ProcessResult result =
-        RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"), L"--script",
-                    Widen(WriteScript("create-context\nrelease-context\n"))});
-    EXPECT_EQ(result.output, "zephExt_CreateContext -> 0\nzephExt_ReleaseContext -> 0\n");
-    EXPECT_EQ(LoggedBesideBinding(),
-              (Lines{"I " + P + "zephExt_CreateContext - >>> zephExt_CreateContext",
-                     "I " + P + "zephExt_CreateContext - <<< zephExt_CreateContext",
-                     "I " + P + "zephExt_ReleaseContext - >>> zephExt_ReleaseContext",
-                     "I " + P + "zephExt_ReleaseContext - <<< zephExt_ReleaseContext"}));
+// The host pre-fills the record; the plug-in writes all but the first field
+// and the padding after the flag byte.
+TEST_F(ExportTest, PrerequisiteFallsBackToVersion3_0_1001AndContextsComeAndGo) {
+    EXPECT_EQ(RunHostScript({"prereq", "create-context", "release-context"}).output,
+              "zephExt_GetPrerequest -> 0\n"
+              "record: reserved=2779096485 kind=100 major=3 minor=0 build=1001 flag=0\n"
+              "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 00 00 00 00 e9 03 00 00 00 ff ff ff\n"
+              "zephExt_CreateContext -> 0\nzephExt_ReleaseContext -> 0\n");
+    Lines expected = {"I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
+                      "E " + P + "zephExt_GetPrerequest - Unalbe to get agent version.",
+                      "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"};
+    for (const std::string name : {"zephExt_CreateContext", "zephExt_ReleaseContext"})
+        for (const char* mark : {" - >>> ", " - <<< "})
+            expected.push_back("I " + P + name + mark + name);
+    EXPECT_EQ(WithoutBinding(Logged()), expected);
 }
 
 TEST_F(ExportTest, WithoutTheHostEveryExportRefusesButInitAndDeinit) {
     SimulatedInstall::RemoveApplicationPath();
-    const std::string query =
-        R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})";
-    const std::string command =
-        R"({"command_id":"ZEPH_ONCOMMAND_IAGT_SERVICE","product_id":"ZEPH_IPRODUCT_TARN","command_data":{"command_type":"ZEPH_TYPE_IAGT_START"}})";
-    const std::string script =
-        "init\nquery " + query + "\ncommand " + command +
-        "\nnotify {}\nfree-null\nprereq\ncreate-context\npreupdate\n"
-        "postupdate\nrollback\nparselog C:\\x.log\nrelease-context\ndeinit\n";
-    ProcessResult result = RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"),
-                                       L"--script", Widen(WriteScript(script))});
-    const std::string response =
-        R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":8,"result_data":{}})";
-    std::string output = result.output;
-    for (const std::string& expected :
-         {std::string("zephExt_Init -> 0\n"), std::string("zephExt_OnCommand -> 8\n"),
-          std::string("zephExt_OnNotify -> 8\n"),
-          "zephExt_GetPrerequest -> " + kGenericFailure + "\n",
-          "zephExt_CreateContext -> " + kGenericFailure + "\n",
-          "zephExt_PreUpdate -> " + kGenericFailure + "\n",
-          "zephExt_PostUpdate -> " + kGenericFailure + "\n",
-          "zephExt_Rollback -> " + kGenericFailure + "\n",
-          std::string("zephExt_ParseLog -> 4294967295\n"), std::string("zephExt_Deinit -> 0\n")})
-        EXPECT_NE(output.find(expected), std::string::npos) << expected << "\n" << output;
-    EXPECT_NE(output.find("response(" + std::to_string(response.size() + 1) + "): " + response),
-              std::string::npos)
-        << output;
-    // The host keeps a response it cannot hand back while unbound.
-    EXPECT_NE(output.find("zephExt_Free -> " + kGenericFailure), std::string::npos) << output;
+    ProcessResult result = RunHostScript(
+        {"init", Query("ZEPH_ONQUERY_SERVICE_STATUS"), Service("ZEPH_TYPE_IAGT_START"), "notify {}",
+         "free-null", "prereq", "create-context", "preupdate", "postupdate", "rollback",
+         "parselog C:\\x.log", "release-context", "deinit"});
+    // 17039362 is 0x1040002. The host keeps a response it cannot hand back while unbound.
+    EXPECT_EQ(result.output,
+              "zephExt_Init -> 0\n"
+              "zephExt_OnQueryData -> 0\n"
+              R"(response(83): {"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":8,)"
+              R"("result_data":{}})"
+              "\nzephExt_Free -> 17039362\n"
+              "zephExt_OnCommand -> 8\n"
+              "zephExt_OnNotify -> 8\n"
+              "zephExt_Free -> 17039362\n"
+              "zephExt_GetPrerequest -> 17039362\n"
+              "record: reserved=2779096485 kind=4294967295 major=4294967295 minor=4294967295 "
+              "build=4294967295 flag=255\n"
+              "bytes: a5 a5 a5 a5 ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff\n"
+              "zephExt_CreateContext -> 17039362\n"
+              "zephExt_PreUpdate -> 17039362\n"
+              "zephExt_PostUpdate -> 17039362\n"
+              "zephExt_Rollback -> 17039362\n"
+              "zephExt_ParseLog -> 4294967295\n"
+              "type: \n"
+              "zephExt_ReleaseContext -> 17039362\n"
+              "zephExt_Deinit -> 0\n");
 
     Lines logged = Logged();
     Lines refusal = {"E " + P + "init - Unable to get CRVL install path.",

@@ -76,11 +76,8 @@ TEST_F(CommandExportTest, InstallThatNeedsARebootFailsOnAHostAnswerThatIsNoJson)
 // The server's answer as the HTTP library double hands it over, from a file.
 class ServerAnswer {
   public:
-    explicit ServerAnswer(const std::string& bytes) {
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        m_path = std::wstring(temp) + L"hostile_server_answer.bin";
-        std::ofstream(Narrow(m_path), std::ios::binary) << bytes;
+    explicit ServerAnswer(const std::string& bytes) : m_path(TempPath(L"server_answer.bin")) {
+        EXPECT_TRUE(WriteFileBytes(m_path, bytes));
         QvsockDouble::Behaviour behaviour;
         behaviour.answerFrom = m_path;
         EXPECT_TRUE(QvsockDouble::SetBehaviour(behaviour));

@@ -4,64 +4,15 @@
 #include "CUnzip.h"
 #include "LogCapture.h"
 #include "UtilCommon.h"
-
-#include <fstream>
-#include <sstream>
+#include "ZipWriter.h"
 
 namespace {
-
-// Little-endian: the low `bytes` bytes of `value`.
-std::string Le(uint32_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i)
-        out += static_cast<char>((value >> (8 * i)) & 0xFF);
-    return out;
-}
-
-// A minimal zip writer (stored entries) so each test makes the archive it needs.
-class ZipWriter {
-  public:
-    void Add(const std::string& name, const std::string& data, uint16_t dosTime = 0x6000,
-             uint16_t dosDate = 0x5A21) {
-        uint32_t crc = 0xFFFFFFFF;
-        for (unsigned char byte : data) {
-            crc ^= byte;
-            for (int bit = 0; bit < 8; ++bit)
-                crc = (crc >> 1) ^ (0xEDB88320 & (0 - (crc & 1)));
-        }
-        const uint32_t size = static_cast<uint32_t>(data.size());
-        // version, flags, method (stored), time, date, CRC, sizes, name length, extra length
-        std::string fields = Le(0, 2) + Le(0, 2) + Le(dosTime, 2) + Le(dosDate, 2) + Le(~crc, 4) +
-                             Le(size, 4) + Le(size, 4) + Le(static_cast<uint32_t>(name.size()), 2) +
-                             Le(0, 2);
-        // comment, disk, internal attributes, external attributes (a folder's bit), offset
-        m_central += Le(0x02014b50, 4) + Le(20, 2) + Le(10, 2) + fields + std::string(6, '\0') +
-                     Le(name.back() == '/' ? 0x10 : 0, 4) +
-                     Le(static_cast<uint32_t>(m_body.size()), 4) + name;
-        m_body += Le(0x04034b50, 4) + Le(10, 2) + fields + name + data;
-        ++m_count;
-    }
-
-    void Save(const std::wstring& path) const {
-        std::ofstream(Narrow(path), std::ios::binary)
-            << m_body << m_central << Le(0x06054b50, 4) << Le(0, 4) << Le(m_count, 2)
-            << Le(m_count, 2) << Le(static_cast<uint32_t>(m_central.size()), 4)
-            << Le(static_cast<uint32_t>(m_body.size()), 4) << Le(0, 2);
-    }
-
-  private:
-    std::string m_body;
-    std::string m_central;
-    uint16_t m_count = 0;
-};
 
 const std::wstring kWork = L"C:\\ZephTestBed\\unzip";
 
 std::string ReadText(const std::wstring& path) {
-    std::ifstream in(Narrow(path), std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    std::string bytes;
+    return ReadFileBytes(path, bytes) ? bytes : "(unreadable)";
 }
 
 bool IsFolder(const std::wstring& path) {
@@ -88,7 +39,7 @@ TEST_F(UnzipTest, ForwardAndBackSlashesDirectoriesAndNestedFoldersExtractIntoOne
     zip.Save(kWork + L"\\pkg.zip");
     // An entry that is already there is replaced.
     ASSERT_EQ(CreateFolderTree(Narrow(kWork + L"\\target\\bin")), 0);
-    std::ofstream(Narrow(kWork + L"\\target\\bin\\hdc.exe")) << "old contents";
+    WriteFileBytes(kWork + L"\\target\\bin\\hdc.exe", "old contents");
 
     EXPECT_TRUE(DecompressFile((kWork + L"\\pkg.zip").c_str(), (kWork + L"\\target").c_str()));
     EXPECT_EQ(ReadText(kWork + L"\\target\\bin\\TarnAgent.exe"), "agent");
@@ -143,7 +94,7 @@ TEST_F(UnzipTest, ArchiveNamesWithoutTheZipExtensionGetDotZipAppended) {
 }
 
 TEST_F(UnzipTest, CorruptAndMissingArchivesFailToOpen) {
-    std::ofstream(Narrow(kWork + L"\\corrupt.zip"), std::ios::binary) << "PK\x03\x04 not a zip";
+    WriteFileBytes(kWork + L"\\corrupt.zip", "PK\x03\x04 not a zip");
     EXPECT_FALSE(DecompressFile((kWork + L"\\corrupt.zip").c_str(), (kWork + L"\\target").c_str()));
     EXPECT_EQ(Logged().back(), "E DecompressFile - Failed to open zip file: " + Narrow(kWork) +
                                    "\\corrupt.zip, CUnzip return code: -1");

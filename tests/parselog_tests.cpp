@@ -1,5 +1,6 @@
 // Detection records: the field rules, verifyLog's one message per failing
 // field, and zephExt_ParseLog on real files of the Wine prefix.
+#include "HostScript.h"
 #include "LogCapture.h"
 #include "ResultCodes.h"
 #include "ScopedHandle.h"
@@ -325,8 +326,7 @@ TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
 // The real DLL in zephhost.exe: the copy goes back through zephExt_Free.
 TEST_F(ParseLogTest, TheHostGetsTheRecordThroughTheDll) {
     const std::string line = kShortRecord;
-    ProcessResult result = RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"),
-                                       L"parselog", Write(line + "\r\n"), L"10"});
+    ProcessResult result = RunHost({L"parselog", Write(line + "\r\n"), L"10"});
     EXPECT_EQ(result.output, "zephExt_ParseLog -> 0\ntype: ZEPH_IPRO\ndata(" +
                                  std::to_string(line.size() + 1) + "): " + line +
                                  "\nzephExt_Free -> 0\n");

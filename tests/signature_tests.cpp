@@ -26,12 +26,6 @@ const std::string kRefusal = ") is not issued by (Quorvane, Inc.). Issuer check 
                              "ERROR_FAILED_ISSUER_CHECK (0x20001447) and return NULL.";
 const DWORD kSentinel = 0xdeadbeef;
 
-std::wstring TempPath(const wchar_t* name) {
-    wchar_t folder[MAX_PATH] = {};
-    GetTempPathW(MAX_PATH, folder);
-    return std::wstring(folder) + name;
-}
-
 std::vector<std::string> QvNotifyJournal() {
     std::string bytes;
     return ReadFileBytes(kQvNotifyJournal, bytes) ? SplitLines(bytes) : std::vector<std::string>{};

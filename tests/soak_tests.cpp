@@ -22,17 +22,12 @@ const char kValidRecord[] =
     "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
     "0x474554, , 1, 1700000000, 1699999999";
 
-std::string Query(const std::string& id, const std::string& data = "{}") {
-    return "query {\"query_id\":\"" + id +
-           "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"query_data\":" + data + "}";
-}
-
 // Every path a host meets in a day: each query, a start of the running agent,
 // a policy that talks to the agent and one that writes its configuration,
 // notices to the agent and to the server, a valid and a missing detection
 // file, and requests that are not JSON.
-std::string SoakScript() {
-    const std::string lines[] = {
+std::vector<std::string> SoakScript() {
+    return {
         Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}"),
         Query("ZEPH_ONQUERY_COMMON_SETTINGS"),
         Query("ZEPH_ONQUERY_SERVICE_STATUS"),
@@ -48,10 +43,6 @@ std::string SoakScript() {
         "parselog " + Narrow(kFolder) + "valid.log",
         "parselog " + Narrow(kFolder) + "invalid.log",
     };
-    std::string script;
-    for (const std::string& line : lines)
-        script += line + "\n";
-    return script;
 }
 
 class SoakTest : public ::testing::Test {
@@ -67,9 +58,8 @@ class SoakTest : public ::testing::Test {
         ASSERT_EQ(AgentDouble::RunInstall(), 0u);
         ASSERT_TRUE(AgentDouble::Start());
         ASSERT_TRUE(CreateFolderTree(kFolder));
-        std::ofstream((kFolder + L"valid.log").c_str(), std::ios::binary) << kValidRecord << "\r\n";
-        std::ofstream((kFolder + L"invalid.log").c_str(), std::ios::binary) << "f, 0, 1\r\n";
-        std::ofstream((kFolder + L"script.txt").c_str(), std::ios::binary) << SoakScript();
+        ASSERT_TRUE(WriteFileBytes(kFolder + L"valid.log", kValidRecord + std::string("\r\n")));
+        ASSERT_TRUE(WriteFileBytes(kFolder + L"invalid.log", "f, 0, 1\r\n"));
     }
     void TearDown() override {
         AgentDouble::Remove();
@@ -83,9 +73,8 @@ class SoakTest : public ::testing::Test {
 };
 
 TEST_F(SoakTest, TenThousandCallsOfEachExportLeakNoHandleAndNoMemory) {
-    ProcessResult run = RunProcess({BinPath(L"zephhost.exe"), BinPath(L"zephExt_TarnClient.dll"),
-                                    L"--soak", std::to_wstring(kCalls), kFolder + L"script.txt"},
-                                   20 * 60 * 1000);
+    ProcessResult run = RunHost({L"--soak", std::to_wstring(kCalls), WriteHostScript(SoakScript())},
+                                20 * 60 * 1000);
     ASSERT_FALSE(run.timedOut);
     ASSERT_EQ(run.exitCode, 0u) << run.output;
     std::printf("%s", run.output.c_str());

@@ -28,6 +28,12 @@ std::wstring BinPath(const wchar_t* name); // BinDir() + name
 
 // The whole file as bytes; false when it cannot be read.
 bool ReadFileBytes(const std::wstring& path, std::string& bytes);
+// Makes the file hold exactly `bytes` (its folder must exist); false when it cannot.
+bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
+// A file or folder is at `path`.
+bool PathExists(const std::wstring& path);
+// `name` in the temp folder.
+std::wstring TempPath(const wchar_t* name);
 // Splits at '\n', drops a '\r' before it and the empty piece after a final '\n'.
 std::vector<std::string> SplitLines(const std::string& text);
 
