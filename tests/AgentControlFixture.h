@@ -24,18 +24,16 @@ inline bool Contains(const Lines& lines, const std::string& wanted) {
     return std::find(lines.begin(), lines.end(), wanted) != lines.end();
 }
 
-class AgentControlTest : public LogCaptureTest {
+class AgentControlTest : public SimulatedInstallTest {
   protected:
     void SetUp() override {
-        LogCaptureTest::SetUp();
         AgentDouble::Remove();
-        SimulatedInstall::Remove();
-        ASSERT_TRUE(SimulatedInstall::Create());
+        SimulatedInstallTest::SetUp();
     }
     void TearDown() override {
         DeInitTarnPipeClient();
         AgentDouble::Remove();
-        SimulatedInstall::Remove();
+        SimulatedInstallTest::TearDown();
     }
 
     // The double installed as a service (not started) with `behaviour`.

@@ -33,11 +33,9 @@ class CommandExportTest : public AgentControlTest {
   protected:
     void SetUp() override {
         AgentControlTest::SetUp();
-        QvsockDouble::Remove();
         TestBedRegistry::DeleteTree(kAgentKey);
     }
     void TearDown() override {
-        QvsockDouble::Remove();
         TestBedRegistry::DeleteTree(kAgentKey);
         TestBedRegistry::DeleteTree((std::wstring(kProductKey) + L"\\LumenfieldPolicy").c_str());
         AgentControlTest::TearDown();

@@ -1,6 +1,7 @@
 #pragma once
 // Tests compare what reached the log server: level letter and whole text.
 #include "LogServer.h"
+#include "QvsockDouble.h"
 #include "TestBed.h"
 
 #include <gtest/gtest.h>
@@ -32,6 +33,24 @@ class LogCaptureTest : public ::testing::Test {
 
   private:
     LogServer m_server;
+};
+
+// A case with the parent product's simulated installation made afresh, its
+// HTTP library double answering as by default.
+class SimulatedInstallTest : public LogCaptureTest {
+  protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        Clean();
+        ASSERT_TRUE(SimulatedInstall::Create());
+    }
+    void TearDown() override { Clean(); }
+
+  private:
+    static void Clean() {
+        SimulatedInstall::Remove();
+        QvsockDouble::Remove();
+    }
 };
 
 using Lines = std::vector<std::string>;

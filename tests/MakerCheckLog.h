@@ -41,6 +41,18 @@ inline Lines MakerCheckOfMissingFile(const std::string& prefix, const std::strin
                 ", err=2"};
 }
 
+// What the host binding logs while the parent product's install path is
+// missing from its key.
+inline Lines UnboundLog(const std::string& prefix) {
+    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+    return {"E " + prefix + "utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
+                "\\Application Path', err=2\n",
+            "E " + prefix + "GetCRVLInstallPath - Cannot find value(Application Path) under key(" +
+                "HKEY_LOCAL_MACHINE\\" + key + ")",
+            "E " + prefix + "init - Unable to get CRVL install path.",
+            "E " + prefix + "IsValidLoader - Unable to initialize zephAgent dll."};
+}
+
 // `logged` without the one place where `block` occurs; a test failure when
 // the block is missing.
 inline Lines WithoutBlock(const Lines& logged, const Lines& block) {

@@ -62,21 +62,21 @@ TEST_F(DebugLogTest, RecordsCarryEightTabSeparatedFieldsAndThePrefix) {
     EXPECT_EQ(records[3].raw, L"LOG_WRITE\t-5\t1\t2\t5\t\t0\t");
 }
 
-TEST_F(DebugLogTest, TagOutsideOneToSixtyThreeCharactersLeavesNoPrefix) {
+// The tag takes 1 to 63 characters; a long text is cut at 4,095 characters
+// and sent in pieces of at most 1,024 bytes.
+TEST_F(DebugLogTest, TagLimitsAndLongTexts) {
     SetDebugLogModuleTag(L"");
     DebugLogA(LOG_DETAIL, "f", 1, "plain");
     SetDebugLogModuleTag(std::wstring(63, L't').c_str());
     DebugLogA(LOG_DETAIL, "f", 1, "long");
-    std::vector<LogRecord> records = Records(2);
-    EXPECT_EQ(records[0].text, L"plain");
-    EXPECT_EQ(records[1].text, L"[" + std::wstring(63, L't') + L"][" + ExeName() + L"]long");
-}
-
-TEST_F(DebugLogTest, LongTextIsCutAt4095CharactersAndSentInChunks) {
+    SetDebugLogModuleTag(L"");
     DebugLogW(LOG_DETAIL, L"f", 1, L"%s", std::wstring(6000, L'w').c_str());
     DebugLogA(LOG_DETAIL, "f", 1, "%s", std::string(6000, 'n').c_str());
-    for (const LogRecord& record : Records(2)) {
-        EXPECT_EQ(record.text.size(), 4095u);
+    std::vector<LogRecord> records = Records(4);
+    EXPECT_EQ(records[0].text, L"plain");
+    EXPECT_EQ(records[1].text, L"[" + std::wstring(63, L't') + L"][" + ExeName() + L"]long");
+    for (const LogRecord& record : {records[2], records[3]}) {
+        EXPECT_EQ(record.text, std::wstring(4095, record.text[0]));
         size_t total = 0;
         for (size_t size : record.messageSizes) {
             EXPECT_LE(size, 1024u);

@@ -8,15 +8,8 @@
 
 namespace {
 
-class ExportTest : public LogCaptureTest {
+class ExportTest : public SimulatedInstallTest {
   protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        SimulatedInstall::Remove();
-        ASSERT_TRUE(SimulatedInstall::Create());
-    }
-    void TearDown() override { SimulatedInstall::Remove(); }
-
     // Runs one call of zephhost.exe and answers what it printed.
     std::string Host(const std::wstring& call, const std::string& argument = std::string()) {
         ProcessResult result = RunHost({call, Widen(argument)});
@@ -153,15 +146,14 @@ TEST_F(ExportTest, WithoutTheHostEveryExportRefusesButInitAndDeinit) {
               "zephExt_ReleaseContext -> 17039362\n"
               "zephExt_Deinit -> 0\n");
 
+    // The command logs its entry, then the binding's refusal, and nothing more.
+    Lines command = UnboundLog(P);
+    command.insert(command.begin(), "I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand");
+    command.push_back("I " + P + "zephExt_OnNotify - >>> zephExt_OnNotify");
     Lines logged = Logged();
-    Lines refusal = {"E " + P + "init - Unable to get CRVL install path.",
-                     "E " + P + "IsValidLoader - Unable to initialize zephAgent dll."};
-    Lines commandLog = {"I " + P + "zephExt_OnCommand - >>> zephExt_OnCommand"};
-    auto at = std::search(logged.begin(), logged.end(), commandLog.begin(), commandLog.end());
-    ASSERT_NE(at, logged.end());
-    // The command logs its entry, then the binding refusal, and nothing more.
-    EXPECT_TRUE(std::equal(refusal.begin(), refusal.end(), at + 3)) << *(at + 3);
-    EXPECT_EQ((at + 5)->rfind("I " + P + "zephExt_OnNotify - >>>", 0), 0u) << *(at + 5);
+    EXPECT_NE(std::search(logged.begin(), logged.end(), command.begin(), command.end()),
+              logged.end())
+        << Text(logged);
 }
 
 } // namespace

@@ -166,41 +166,31 @@ TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptio
 }
 
 // The whole road: the real DLL in a fresh host process.
-class QueryExportTest : public QueryTest {
-  protected:
-    std::string Host(const std::vector<std::wstring>& call) {
-        ProcessResult result = RunHost(call);
-        EXPECT_EQ(result.exitCode, 0u) << result.output;
-        return result.output;
-    }
-};
-
-TEST_F(QueryExportTest, ClientStatusOfARunningAgentThroughTheExport) {
+// The whole road: the real DLL in a fresh host process, a query and the
+// prerequisite with the running agent's version.
+TEST_F(QueryTest, ClientStatusAndPrerequisiteThroughTheExports) {
     ASSERT_TRUE(AgentDouble::Place());
     ASSERT_EQ(AgentDouble::RunInstall(), 0u);
     ASSERT_TRUE(AgentDouble::Start());
+    const std::string request =
+        Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", R"({"query_type":"ZEPH_CLIENT_ALL_STATUS_LOG"})");
     const std::string response =
         R"({"query_id":"ZEPH_ONQUERY_CLIENT_STATUS_LOG","product_id":"ZEPH_IPRODUCT_TARN",)"
         R"("result_code":0,"result_data":)" +
         ClientStatus(7, "3.2.7", "3.2.1045.7") + "}";
-    EXPECT_EQ(Host({L"query", LR"({"query_id":"ZEPH_ONQUERY_CLIENT_STATUS_LOG",)"
-                              LR"("product_id":"ZEPH_IPRODUCT_TARN",)"
-                              LR"("query_data":{"query_type":"ZEPH_CLIENT_ALL_STATUS_LOG"}})"}),
-              "zephExt_OnQueryData -> 0\nresponse(" + std::to_string(response.size() + 1) +
-                  "): " + response + "\nzephExt_Free -> 0\n");
-}
-
-TEST_F(QueryExportTest, PrerequisiteCarriesTheInstalledAgentsVersion) {
-    ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
-    std::string output = Host({L"prereq"});
-    EXPECT_EQ(output.rfind("zephExt_GetPrerequest -> 0\n"
-                           "record: reserved=2779096485 kind=100 major=3 minor=3 build=9 flag=0\n"
-                           "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 03 00 00 00 09 00 00 00 00",
-                           0),
-              0u)
-        << output;
-    // Beside the maker check of the host library at binding: entry and exit only.
-    EXPECT_EQ(WithoutBinding(Logged()).size(), 2u);
+    EXPECT_EQ(
+        RunHostScript({request, "prereq"}).output,
+        "zephExt_OnQueryData -> 0\nresponse(" + std::to_string(response.size() + 1) +
+            "): " + response +
+            "\nzephExt_Free -> 0\nzephExt_GetPrerequest -> 0\n"
+            "record: reserved=2779096485 kind=100 major=3 minor=2 build=7 flag=0\n"
+            "bytes: a5 a5 a5 a5 64 00 00 00 03 00 00 00 02 00 00 00 07 00 00 00 00 ff ff ff\n");
+    EXPECT_EQ(
+        WithoutBinding(Logged()),
+        (Lines{"D " + P + "zephExt_OnQueryData - Request: " + request.substr(request.find('{')),
+               "D " + P + "zephExt_OnQueryData - Response: " + response,
+               "I " + P + "zephExt_GetPrerequest - >>> zephExt_GetPrerequest",
+               "I " + P + "zephExt_GetPrerequest - <<< zephExt_GetPrerequest"}));
 }
 
 } // namespace

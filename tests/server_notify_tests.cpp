@@ -16,18 +16,14 @@ bool AnswerFileExists() {
     return GetFileAttributesA(kAnswerFile) != INVALID_FILE_ATTRIBUTES;
 }
 
-class ServerNotifyTest : public LogCaptureTest {
+class ServerNotifyTest : public SimulatedInstallTest {
   protected:
     void SetUp() override {
-        LogCaptureTest::SetUp();
-        QvsockDouble::Remove();
-        SimulatedInstall::Remove();
         DeleteFileA(kAnswerFile);
-        ASSERT_TRUE(SimulatedInstall::Create());
+        SimulatedInstallTest::SetUp();
     }
     void TearDown() override {
-        QvsockDouble::Remove();
-        SimulatedInstall::Remove();
+        SimulatedInstallTest::TearDown();
         DeleteFileA(kAnswerFile);
     }
 
@@ -95,18 +91,6 @@ TEST_F(ServerNotifyTest, ServerAnswers) {
     ExpectNotified(
         false,
         {"E talkToTarnServer - Unable to send request to server, responseCode(503)", kTalkFailed});
-}
-
-TEST_F(ServerNotifyTest, RecordAndCommandTextReachTheLibrary) {
-    EXPECT_TRUE(sendNotifyResultToServer(-7, 2147483647, "Install=\"x y\"|z"));
-    EXPECT_TRUE(sendNotifyResultToServer(0, -1, ""));
-    EXPECT_EQ(QvsockDouble::Journal(),
-              (Lines{QvsockDouble::JournalLine(
-                         R"({"name":"NotifyResult","notifyType":-7,"result":2147483647})",
-                         "Install=\"x y\"|z"),
-                     QvsockDouble::JournalLine(
-                         R"({"name":"NotifyResult","notifyType":0,"result":-1})", "")}));
-    EXPECT_EQ(Logged(), (Lines{kSent, kSent}));
 }
 
 // A failed load is tried again at the next notification; a loaded library is kept.

@@ -169,10 +169,7 @@ std::vector<std::string> ReceivedFrames() {
 }
 
 std::vector<std::string> Journal() {
-    std::string bytes;
-    if (!ReadFileBytes(kAgentJournal, bytes))
-        return {};
-    return SplitLines(bytes);
+    return JournalLines(kAgentJournal);
 }
 
 } // namespace AgentDouble

@@ -11,16 +11,17 @@ ScopedRegKey OpenKey(const wchar_t* key, REGSAM access) {
     return ScopedRegKey(raw);
 }
 
-ScopedRegKey CreateKey(const wchar_t* key) {
+ScopedRegKey CreateKey(const wchar_t* key, REGSAM view) {
     HKEY raw = nullptr;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &raw,
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE | view, nullptr, &raw,
                         nullptr) != ERROR_SUCCESS)
         return ScopedRegKey();
     return ScopedRegKey(raw);
 }
 
-bool Write(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size) {
-    ScopedRegKey handle = CreateKey(key);
+bool Write(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size,
+           REGSAM view = 0) {
+    ScopedRegKey handle = CreateKey(key, view);
     return handle && RegSetValueExW(handle.Get(), name, 0, type, static_cast<const BYTE*>(data),
                                     size) == ERROR_SUCCESS;
 }
@@ -56,8 +57,8 @@ bool ReadText(const wchar_t* key, const wchar_t* name, std::wstring& value) {
     return true;
 }
 
-bool WriteDword(const wchar_t* key, const wchar_t* name, DWORD value) {
-    return Write(key, name, REG_DWORD, &value, sizeof(value));
+bool WriteDword(const wchar_t* key, const wchar_t* name, DWORD value, REGSAM view) {
+    return Write(key, name, REG_DWORD, &value, sizeof(value), view);
 }
 
 bool WriteText(const wchar_t* key, const wchar_t* name, const std::wstring& value, DWORD type) {

@@ -24,7 +24,8 @@ namespace TestBedRegistry {
 bool ReadDword(const wchar_t* key, const wchar_t* name, DWORD& value);
 bool ReadText(const wchar_t* key, const wchar_t* name, std::wstring& value);
 
-bool WriteDword(const wchar_t* key, const wchar_t* name, DWORD value);
+// `view`: KEY_WOW64_32KEY or KEY_WOW64_64KEY for a key of that registry view.
+bool WriteDword(const wchar_t* key, const wchar_t* name, DWORD value, REGSAM view = 0);
 // `type` is REG_SZ or REG_EXPAND_SZ.
 bool WriteText(const wchar_t* key, const wchar_t* name, const std::wstring& value,
                DWORD type = REG_SZ);

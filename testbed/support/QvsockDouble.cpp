@@ -25,10 +25,7 @@ bool SetBehaviour(const Behaviour& behaviour) {
 }
 
 std::vector<std::string> Journal() {
-    std::string bytes;
-    if (!ReadFileBytes(kQvsockJournal, bytes))
-        return {};
-    return SplitLines(bytes);
+    return JournalLines(kQvsockJournal);
 }
 
 void ClearJournal() {

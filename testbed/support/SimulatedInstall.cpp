@@ -76,10 +76,7 @@ bool SetHostBehaviour(const HostBehaviour& behaviour) {
 }
 
 std::vector<std::string> HostJournal() {
-    std::string bytes;
-    if (!ReadFileBytes(HostJournalPath(), bytes))
-        return {};
-    return SplitLines(bytes);
+    return JournalLines(HostJournalPath());
 }
 
 void ClearHostJournal() {

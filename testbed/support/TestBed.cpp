@@ -78,6 +78,11 @@ std::wstring TempPath(const wchar_t* name) {
     return std::wstring(folder) + name;
 }
 
+std::vector<std::string> JournalLines(const std::wstring& path) {
+    std::string bytes;
+    return ReadFileBytes(path, bytes) ? SplitLines(bytes) : std::vector<std::string>{};
+}
+
 std::vector<std::string> SplitLines(const std::string& text) {
     std::vector<std::string> lines;
     size_t start = 0;

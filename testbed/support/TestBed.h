@@ -34,6 +34,8 @@ bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool PathExists(const std::wstring& path);
 // `name` in the temp folder.
 std::wstring TempPath(const wchar_t* name);
+// The lines of a double's journal, in call order; empty when there is none.
+std::vector<std::string> JournalLines(const std::wstring& path);
 // Splits at '\n', drops a '\r' before it and the empty piece after a final '\n'.
 std::vector<std::string> SplitLines(const std::string& text);
 
