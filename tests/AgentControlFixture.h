@@ -36,22 +36,6 @@ class AgentControlTest : public SimulatedInstallTest {
         SimulatedInstallTest::TearDown();
     }
 
-    // The double installed as a service (not started) with `behaviour`.
-    static void InstallAgent(const AgentDouble::Behaviour& behaviour = {}) {
-        ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
-        ASSERT_TRUE(AgentDouble::Place());
-        ASSERT_EQ(AgentDouble::RunInstall(), behaviour.installExitCode);
-    }
-    // The service (re)started with `behaviour`, which it reads as it starts.
-    static void RunAgent(const AgentDouble::Behaviour& behaviour, DWORD until = SERVICE_RUNNING) {
-        if (AgentDouble::State() == 0) {
-            InstallAgent(behaviour);
-        } else if (AgentDouble::State() != SERVICE_STOPPED) {
-            ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED));
-        }
-        ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
-        ASSERT_TRUE(AgentDouble::Start(until));
-    }
     void Connect() {
         ASSERT_EQ(InitTarnPipeClient(), 0);
         Logged();

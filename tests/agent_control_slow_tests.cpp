@@ -9,7 +9,7 @@ TEST_F(AgentControlTest, StopsThatNeverEndAreGivenUpOn) {
     AgentDouble::Behaviour stuck;
     stuck.stuckStopPending = true;
     stuck.stopDelayMs = 3000; // the wait hint of its frozen stop-pending state
-    RunAgent(stuck);
+    ASSERT_TRUE(AgentDouble::Run(stuck));
     Connect();
 
     // The stop command's own wait: 60 s in all, check points or not.

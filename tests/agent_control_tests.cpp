@@ -27,7 +27,7 @@ TEST_F(AgentControlTest, ResponsesThatDoNotAnswerTheCommandAreRefused) {
         SCOPED_TRACE(static_cast<int>(answer));
         AgentDouble::Behaviour behaviour;
         behaviour.pipeAnswer = answer;
-        RunAgent(behaviour);
+        ASSERT_TRUE(AgentDouble::Run(behaviour));
         Connect();
         EXPECT_EQ(NotifyTarnAgent(), -1);
         EXPECT_EQ(g_CmdId, ++identifier);
@@ -54,7 +54,7 @@ TEST_F(AgentControlTest, ResponsesInPiecesAreReassembled) {
         AgentDouble::Behaviour behaviour;
         behaviour.pipeAnswer = c.answer;
         behaviour.answerPayloadBytes = c.payloadBytes;
-        RunAgent(behaviour);
+        ASSERT_TRUE(AgentDouble::Run(behaviour));
         Connect();
         EXPECT_EQ(NotifyTarnAgent(), 0);
         Lines log = Logged();
@@ -84,7 +84,7 @@ TEST_F(AgentControlTest, ConnectingNeedsAMessageModePipe) {
 
     AgentDouble::Behaviour behaviour;
     behaviour.bytePipe = true;
-    RunAgent(behaviour);
+    ASSERT_TRUE(AgentDouble::Run(behaviour));
     EXPECT_EQ(InitTarnPipeClient(), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(TarnPipeClient(), nullptr);
     Lines log = Logged();
@@ -102,7 +102,7 @@ TEST_F(AgentControlTest, StopSendsNothingToAStoppedOrAbsentAgent) {
     EXPECT_EQ(StopTarn(), 0);
     EXPECT_EQ(Complaints(Logged()),
               Lines{"E IsTarnServiceStopped - Unalbe to OpenService(TarnAgent): 1060"});
-    InstallAgent();
+    ASSERT_TRUE(AgentDouble::Install());
     EXPECT_EQ(StopTarn(), 0);
     EXPECT_EQ(Complaints(Logged()), Lines{"W IsTarnServiceStopped - Service is already stopped or "
                                           "stop pending. Will wait for pending."});
@@ -116,7 +116,7 @@ TEST_F(AgentControlTest, StartLeavesAStartingServiceAloneAndReportsWhatFails) {
 
     AgentDouble::Behaviour slowStart;
     slowStart.startDelayMs = 5000;
-    RunAgent(slowStart, SERVICE_START_PENDING);
+    ASSERT_TRUE(AgentDouble::Run(slowStart, SERVICE_START_PENDING));
     EXPECT_EQ(StartTarn(), 0);
     EXPECT_EQ(Complaints(Logged()), Lines{"W StartTarn - The service is alreay running. Skip "
                                           "further steps. Current state: 2"});
@@ -139,7 +139,7 @@ TEST_F(AgentControlTest, StartLeavesAStartingServiceAloneAndReportsWhatFails) {
 }
 
 TEST_F(AgentControlTest, InstallUnpacksOnlyWhenTheServiceIsMissing) {
-    InstallAgent();
+    ASSERT_TRUE(AgentDouble::Install());
     EXPECT_EQ(InstallTarn("C:\\nowhere\\instupg_Tarn_x64.zip"), 0) << "nothing to unpack";
     EXPECT_TRUE(Contains(Logged(), "D InstallTarn - Tarn Agent is already installed."));
     AgentDouble::Remove();
@@ -174,7 +174,7 @@ TEST_F(AgentControlTest, InstallUnpacksOnlyWhenTheServiceIsMissing) {
 TEST_F(AgentControlTest, UninstallKeepsTheFilesWhenDeleteFails) {
     AgentDouble::Behaviour failingDelete;
     failingDelete.deleteExitCode = 7;
-    InstallAgent(failingDelete);
+    ASSERT_TRUE(AgentDouble::Install(failingDelete));
     EXPECT_EQ(UninstallTarn(), -1);
     EXPECT_EQ(Complaints(Logged()),
               (Lines{"E PrepAndLaunchRedirectedChild - Return code is not zero, err=7",

@@ -34,7 +34,7 @@ std::string IniEnabled() {
 }
 
 TEST_F(CommandExportTest, StartAndStopRecordTheServiceStatus) {
-    InstallAgent();
+    ASSERT_TRUE(AgentDouble::Install());
     EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_START")}), Lines{CommandResult(0)});
     EXPECT_EQ(ServiceStatusValue(), 1u);
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
@@ -98,7 +98,7 @@ TEST_F(CommandExportTest, InstallResultsLeaveTheirStatusCode) {
 }
 
 TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent) {
-    RunAgent({});
+    ASSERT_TRUE(AgentDouble::Run());
     EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
     ASSERT_EQ(frames.size(), 1u);
@@ -109,7 +109,7 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
                               "D UninstallTarn - Deleted 3 file(s)."});
 
     AgentDouble::Remove();
-    InstallAgent();
+    ASSERT_TRUE(AgentDouble::Install());
     // A read-only file goes with the folder, as the platform's own removal does it.
     const std::wstring locked = std::wstring(AgentDouble::kClientFolder) + L"\\locked.dat";
     std::ofstream(locked.c_str()) << "read-only";
@@ -151,7 +151,7 @@ TEST_F(CommandExportTest, PolicyFlagsWithoutARunningAgent) {
 }
 
 TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
-    RunAgent({});
+    ASSERT_TRUE(AgentDouble::Run());
     MakeConfigFolder();
     EXPECT_EQ(Host({Policy(1), Policy(2)}), (Lines{CommandResult(0), CommandResult(0)}));
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
@@ -178,7 +178,7 @@ TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
 TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
     AgentDouble::Behaviour refusing;
     refusing.answerRetCode = 7; // the agent refuses to clear its driver configuration
-    RunAgent(refusing);
+    ASSERT_TRUE(AgentDouble::Run(refusing));
     EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
     EXPECT_EQ(QvsockDouble::Journal(), Lines{PolicyResult("Disable", 201512002)});
     EXPECT_EQ(
@@ -208,7 +208,7 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
 }
 
 TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
-    RunAgent({});
+    ASSERT_TRUE(AgentDouble::Run());
     EXPECT_EQ(Host({SelfProtection(1), MoveClient()}),
               (Lines{Result("zephExt_OnNotify", 0), Result("zephExt_OnNotify", 0)}));
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
@@ -224,7 +224,7 @@ TEST_F(CommandExportTest, NotificationsReachTheAgentAndTheServer) {
     // does not fail the move notice.
     AgentDouble::Behaviour garbled;
     garbled.pipeAnswer = AgentDouble::PipeAnswer::WrongMagic;
-    RunAgent(garbled);
+    ASSERT_TRUE(AgentDouble::Run(garbled));
     QvsockDouble::Behaviour unreachable;
     unreachable.sendResult = 0;
     ASSERT_TRUE(QvsockDouble::SetBehaviour(unreachable));

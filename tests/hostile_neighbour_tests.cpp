@@ -42,7 +42,7 @@ TEST_F(CommandExportTest, SelfProtectionNoticeToAnAgentThatAnswersBadlyOrLate) {
         AgentDouble::Behaviour behaviour;
         behaviour.pipeAnswer = c.answer;
         behaviour.answerDelayMs = c.delayMs;
-        RunAgent(behaviour);
+        ASSERT_TRUE(AgentDouble::Run(behaviour));
         const DWORD start = GetTickCount();
         EXPECT_EQ(Host({SelfProtection(1)}), Lines{Result("zephExt_OnNotify", c.result)});
         EXPECT_GE(GetTickCount() - start, c.delayMs);
@@ -73,21 +73,6 @@ TEST_F(CommandExportTest, InstallThatNeedsARebootFailsOnAHostAnswerThatIsNoJson)
                      "E HandleCommand - Unable to Install Tarn agent service."}));
 }
 
-// The server's answer as the HTTP library double hands it over, from a file.
-class ServerAnswer {
-  public:
-    explicit ServerAnswer(const std::string& bytes) : m_path(TempPath(L"server_answer.bin")) {
-        EXPECT_TRUE(WriteFileBytes(m_path, bytes));
-        QvsockDouble::Behaviour behaviour;
-        behaviour.answerFrom = m_path;
-        EXPECT_TRUE(QvsockDouble::SetBehaviour(behaviour));
-    }
-    ~ServerAnswer() { DeleteFileW(m_path.c_str()); }
-
-  private:
-    std::wstring m_path;
-};
-
 // 32 MB: the error code, then a long padding string.
 std::string HugeAnswer() {
     return R"({"name":"errorCode","value":0,"padding":")" + std::string(32 << 20, 'x') + R"("})";
@@ -109,7 +94,7 @@ TEST_F(CommandExportTest, HugeServerAnswersAreReadWhole) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        ServerAnswer answer(c.answer);
+        ASSERT_TRUE(QvsockDouble::AnswerWith(c.answer));
         EXPECT_EQ(sendNotifyResultToServer(1, 0, "cmd"), c.accepted);
         EXPECT_EQ(Complaints(Logged()), c.complaints);
     }
@@ -118,7 +103,7 @@ TEST_F(CommandExportTest, HugeServerAnswersAreReadWhole) {
     // lost, and with it the command.
     std::string cutShort = HugeAnswer();
     cutShort.resize(cutShort.size() - 2);
-    ServerAnswer answer(cutShort);
+    ASSERT_TRUE(QvsockDouble::AnswerWith(cutShort));
     EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(1)});
     EXPECT_EQ(PluginComplaints(),
               (Lines{"E talkToTarnServer - Unable to prase response json, error: 11",

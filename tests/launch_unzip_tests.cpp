@@ -77,7 +77,9 @@ TEST_F(UnzipTest, AFolderEntryNeverEndsTheExtraction) {
     EXPECT_EQ(ReadText(kWork + L"\\target\\after.txt"), "still extracted");
 }
 
-TEST_F(UnzipTest, ArchiveNamesWithoutTheZipExtensionGetDotZipAppended) {
+// Names without the ".zip" extension get ".Zip" appended; a corrupt archive
+// or none at all fails to open.
+TEST_F(UnzipTest, ArchiveNamesAndArchivesThatFailToOpen) {
     ZipWriter zip;
     zip.Add("one.txt", "1");
     zip.Save(kWork + L"\\package.Zip");
@@ -91,16 +93,14 @@ TEST_F(UnzipTest, ArchiveNamesWithoutTheZipExtensionGetDotZipAppended) {
     ASSERT_TRUE(unzip.Load());
     EXPECT_EQ(unzip.Open(Narrow(kWork + L"\\UPPER").c_str(), false), UNZIP_NOT_READY);
     EXPECT_EQ(unzip.Open(Narrow(kWork + L"\\archive.bin").c_str(), true), UNZIP_OK);
-}
 
-TEST_F(UnzipTest, CorruptAndMissingArchivesFailToOpen) {
     WriteFileBytes(kWork + L"\\corrupt.zip", "PK\x03\x04 not a zip");
     EXPECT_FALSE(DecompressFile((kWork + L"\\corrupt.zip").c_str(), (kWork + L"\\target").c_str()));
     EXPECT_EQ(Logged().back(), "E DecompressFile - Failed to open zip file: " + Narrow(kWork) +
                                    "\\corrupt.zip, CUnzip return code: -1");
-    CUnzip unzip;
-    ASSERT_TRUE(unzip.Load());
-    EXPECT_EQ(unzip.Extract(Narrow(kWork).c_str(), 1, 1, nullptr, nullptr), UNZIP_NOT_READY);
+    CUnzip unopened;
+    ASSERT_TRUE(unopened.Load());
+    EXPECT_EQ(unopened.Extract(Narrow(kWork).c_str(), 1, 1, nullptr, nullptr), UNZIP_NOT_READY);
 }
 
 TEST_F(UnzipTest, EntriesNamedOutsideTheTargetAreRefused) {

@@ -79,12 +79,10 @@ TEST_F(QueryTest, EveryServiceStateHasItsStatus) {
     ASSERT_TRUE(AgentDouble::Place(AgentDouble::Version::V3_3));
     EXPECT_EQ(Run(getClientStatusData), ClientStatus(1, "3.3.9", "3.3.1100.9")); // not installed
     Logged();
-    ASSERT_TRUE(AgentDouble::Place());
     AgentDouble::Behaviour behaviour;
     behaviour.startDelayMs = 8000;
     behaviour.stuckStopPending = true;
-    ASSERT_TRUE(AgentDouble::SetBehaviour(behaviour));
-    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
+    ASSERT_TRUE(AgentDouble::Install(behaviour));
     ExpectStatus(3, 2);
     ASSERT_TRUE(AgentDouble::Start(SERVICE_START_PENDING));
     ExpectStatus(7, 3);
@@ -169,9 +167,7 @@ TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptio
 // The whole road: the real DLL in a fresh host process, a query and the
 // prerequisite with the running agent's version.
 TEST_F(QueryTest, ClientStatusAndPrerequisiteThroughTheExports) {
-    ASSERT_TRUE(AgentDouble::Place());
-    ASSERT_EQ(AgentDouble::RunInstall(), 0u);
-    ASSERT_TRUE(AgentDouble::Start());
+    ASSERT_TRUE(AgentDouble::Run());
     const std::string request =
         Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", R"({"query_type":"ZEPH_CLIENT_ALL_STATUS_LOG"})");
     const std::string response =

@@ -53,10 +53,7 @@ class SoakTest : public ::testing::Test {
         SimulatedInstall::Remove();
         ASSERT_TRUE(SimulatedInstall::Create());
         ASSERT_TRUE(QvsockDouble::SetBehaviour({}));
-        ASSERT_TRUE(AgentDouble::SetBehaviour({}));
-        ASSERT_TRUE(AgentDouble::Place());
-        ASSERT_EQ(AgentDouble::RunInstall(), 0u);
-        ASSERT_TRUE(AgentDouble::Start());
+        ASSERT_TRUE(AgentDouble::Run());
         ASSERT_TRUE(CreateFolderTree(kFolder));
         ASSERT_TRUE(WriteFileBytes(kFolder + L"valid.log", kValidRecord + std::string("\r\n")));
         ASSERT_TRUE(WriteFileBytes(kFolder + L"invalid.log", "f, 0, 1\r\n"));

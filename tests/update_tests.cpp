@@ -68,7 +68,7 @@ class UpdateTest : public AgentControlTest {
     // and log files beside it.
     void PlaceOldAgent() {
         AgentDouble::Remove();
-        InstallAgent();
+        ASSERT_TRUE(AgentDouble::Install());
         WriteFile(kAgent + L"\\config\\tn_agent.ini", kUserConfig);
         WriteFile(kAgent + L"\\agent.log", "top-level log");
         WriteFile(kAgent + L"\\.log", "a log too");

@@ -182,7 +182,7 @@ TEST_F(ValidationTest, Queries) {
           });
 }
 
-TEST(JsonRequestTest, ParsesExactlyTheGivenBytes) {
+TEST(JsonRequestTest, ParsesTheGivenBytesAndFailsAsTheDefaultParserAtAnyDepth) {
     const char text[] = R"({"a":1}garbage)";
     JsonRequest bounded;
     EXPECT_TRUE(bounded.Parse(7, text));
@@ -196,10 +196,8 @@ TEST(JsonRequestTest, ParsesExactlyTheGivenBytes) {
     EXPECT_FALSE(null.Parse(10, nullptr));
     EXPECT_EQ(RequestText(3, "abcdef"), "abc");
     EXPECT_EQ(RequestText(-1, "abc"), "");
-}
 
-// The log names the default parser's error; the parse itself must survive any depth.
-TEST(JsonRequestTest, ReportsTheDefaultParsersErrorAtAnyDepth) {
+    // The log names the default parser's error; the parse itself must survive any depth.
     struct Case {
         std::string text;
         rapidjson::ParseErrorCode code;

@@ -140,6 +140,20 @@ bool Control(DWORD control, DWORD until, DWORD timeoutMs) {
            AgentService::WaitForState(service.Get(), until, timeoutMs);
 }
 
+bool Install(const Behaviour& behaviour) {
+    return SetBehaviour(behaviour) && Place() && RunInstall() == behaviour.installExitCode;
+}
+
+bool Run(const Behaviour& behaviour, DWORD until) {
+    if (State() == 0) {
+        if (!Install(behaviour))
+            return false;
+    } else if (State() != SERVICE_STOPPED && !Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED)) {
+        return false;
+    }
+    return SetBehaviour(behaviour) && Start(until);
+}
+
 DWORD State() {
     ScopedServiceHandle service = AgentService::Open(SERVICE_QUERY_STATUS);
     SERVICE_STATUS_PROCESS status{};

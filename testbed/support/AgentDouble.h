@@ -63,6 +63,12 @@ bool Start(DWORD until = SERVICE_RUNNING, DWORD timeoutMs = 15000);
 // Sends a control (SERVICE_CONTROL_STOP, _PAUSE, _CONTINUE) and waits for the state `until` or the
 // timeout.
 bool Control(DWORD control, DWORD until, DWORD timeoutMs = 15000);
+// Placed (3.2) and installed as a service with `behaviour`, not started;
+// false unless its installer exits with the behaviour's code.
+bool Install(const Behaviour& behaviour = {});
+// The service (re)started with `behaviour`, which it reads as it starts;
+// placed and installed first when it is not there.
+bool Run(const Behaviour& behaviour = {}, DWORD until = SERVICE_RUNNING);
 // The service's current state, 0 when the service does not exist.
 DWORD State();
 // Whatever state it is in: stops the service (killing its process if it is stuck), deletes it,

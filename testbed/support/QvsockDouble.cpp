@@ -2,6 +2,12 @@
 
 #include "TestBed.h"
 
+namespace {
+
+const wchar_t kAnswerSource[] = L"C:\\ZephTestBed\\qvsock_answer.bin";
+
+} // namespace
+
 namespace QvsockDouble {
 
 std::wstring BuiltPath() {
@@ -24,6 +30,13 @@ bool SetBehaviour(const Behaviour& behaviour) {
                                        behaviour.noAnswerFile ? 1 : 0);
 }
 
+bool AnswerWith(const std::string& bytes) {
+    Behaviour behaviour;
+    behaviour.answerFrom = kAnswerSource;
+    return CreateFolderTree(L"C:\\ZephTestBed") && WriteFileBytes(kAnswerSource, bytes) &&
+           SetBehaviour(behaviour);
+}
+
 std::vector<std::string> Journal() {
     return JournalLines(kQvsockJournal);
 }
@@ -35,6 +48,7 @@ void ClearJournal() {
 void Remove() {
     TestBedRegistry::DeleteTree(kQvsockBehaviourKey);
     ClearJournal();
+    DeleteFileW(kAnswerSource);
 }
 
 } // namespace QvsockDouble

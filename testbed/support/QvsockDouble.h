@@ -39,6 +39,8 @@ struct Behaviour {
     bool noAnswerFile = false;
 };
 bool SetBehaviour(const Behaviour& behaviour);
+// Answers with `bytes`, whatever their size, through a file of the test bed.
+bool AnswerWith(const std::string& bytes);
 
 // Lines of the journal in call order, empty when there is none:
 // "qvSendHttpToCRVLServer2|path|flag|body|length|file|out|out|reserved|command".
@@ -49,7 +51,7 @@ inline std::string JournalLine(const std::string& body, const std::string& comma
     return "qvSendHttpToCRVLServer2|corvale_tarn/command|0|" + body + "|" +
            std::to_string(body.size()) + "|.\\qvsock_response|out|out|0|Tarn+" + command;
 }
-// Deletes the behaviour key and the journal.
+// Deletes the behaviour key, the journal and the file of AnswerWith.
 void Remove();
 
 } // namespace QvsockDouble
