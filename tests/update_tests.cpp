@@ -43,10 +43,7 @@ Tree Snapshot(const std::wstring& folder) {
 
 std::string AgentVersion() {
     FileVersion version;
-    if (!GetAgentVersion(version))
-        return "none";
-    return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
-           std::to_string(version.third) + "." + std::to_string(version.build);
+    return GetAgentVersion(version) ? VersionText(version) : "none";
 }
 
 class UpdateTest : public AgentControlTest {
