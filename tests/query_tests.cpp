@@ -47,6 +47,8 @@ class QueryTest : public AgentControlTest {
     }
 };
 
+// Beside the parent product's folder; without that, settings and
+// self-protection fail.
 TEST_F(QueryTest, ClientFolderIsBesideTheParentProductsFolder) {
     std::wstring clientPath;
     ASSERT_TRUE(SimulatedInstall::SetApplicationPath(L"C:\\A\\B\\"));
@@ -58,6 +60,15 @@ TEST_F(QueryTest, ClientFolderIsBesideTheParentProductsFolder) {
     EXPECT_EQ(Logged(), Lines{});
     EXPECT_EQ(ClientFile(L"C:\\x", L"a.exe"), L"C:\\x\\a.exe");
     EXPECT_EQ(ClientFile(L"C:\\x\\", L"a.exe"), L"C:\\x\\a.exe");
+
+    SimulatedInstall::RemoveApplicationPath();
+    EXPECT_EQ(Run(getCommonSettings, 1), "{}");
+    Lines unbound = UnboundLog("");
+    EXPECT_EQ(Logged(),
+              (Lines{unbound[0], unbound[1], "E GetClientPath - Unable to get CRVL install path.",
+                     "E getCommonSettings - Unable to get tarn agent install path."}));
+    EXPECT_EQ(Run(getSelfProtectionData, 1), "{}");
+    EXPECT_EQ(Logged().back(), "E getSelfProtectionData - Unable to get tarn agent install path.");
 }
 
 TEST_F(QueryTest, AbsentAgentAnswersUnknownStateAndEmptyVersions) {
@@ -111,17 +122,6 @@ TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
                       std::string(1, enabled) + "}}");
     }
     EXPECT_EQ(Logged(), Lines{});
-}
-
-TEST_F(QueryTest, WithoutTheClientFolderSettingsAndSelfProtectionFail) {
-    SimulatedInstall::RemoveApplicationPath();
-    EXPECT_EQ(Run(getCommonSettings, 1), "{}");
-    Lines logged = Logged();
-    ASSERT_FALSE(logged.empty());
-    EXPECT_EQ(logged.back(), "E getCommonSettings - Unable to get tarn agent install path.");
-    EXPECT_EQ(logged[logged.size() - 2], "E GetClientPath - Unable to get CRVL install path.");
-    EXPECT_EQ(Run(getSelfProtectionData, 1), "{}");
-    EXPECT_EQ(Logged().back(), "E getSelfProtectionData - Unable to get tarn agent install path.");
 }
 
 TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptionsKeys) {
