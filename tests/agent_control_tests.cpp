@@ -98,21 +98,20 @@ TEST_F(AgentControlTest, ConnectingNeedsAMessageModePipe) {
     EXPECT_EQ(Logged(), Lines{"D DeInitTarnPipeClient - <<"});
 }
 
-TEST_F(AgentControlTest, StopSendsNothingToAStoppedOrAbsentAgent) {
+// A stop sends nothing to an absent or stopped agent; a start leaves a
+// starting service alone and reports what fails.
+TEST_F(AgentControlTest, StopAndStartOfAnAgentThatIsNotRunning) {
     EXPECT_EQ(StopTarn(), 0);
+    EXPECT_EQ(StartTarn(), ERROR_SERVICE_DOES_NOT_EXIST);
     EXPECT_EQ(Complaints(Logged()),
-              Lines{"E IsTarnServiceStopped - Unalbe to OpenService(TarnAgent): 1060"});
+              (Lines{"E IsTarnServiceStopped - Unalbe to OpenService(TarnAgent): 1060",
+                     "E StartTarn - OpenService(TarnAgent) failed (1060)"}));
     ASSERT_TRUE(AgentDouble::Install());
     EXPECT_EQ(StopTarn(), 0);
     EXPECT_EQ(Complaints(Logged()), Lines{"W IsTarnServiceStopped - Service is already stopped or "
                                           "stop pending. Will wait for pending."});
     EXPECT_EQ(g_CmdId, 0u);
     EXPECT_TRUE(AgentDouble::ReceivedFrames().empty());
-}
-
-TEST_F(AgentControlTest, StartLeavesAStartingServiceAloneAndReportsWhatFails) {
-    EXPECT_EQ(StartTarn(), ERROR_SERVICE_DOES_NOT_EXIST);
-    EXPECT_EQ(Complaints(Logged()), Lines{"E StartTarn - OpenService(TarnAgent) failed (1060)"});
 
     AgentDouble::Behaviour slowStart;
     slowStart.startDelayMs = 5000;

@@ -77,7 +77,7 @@ TEST_F(RegistryTest, KeyNamesSplitIntoRootRowAndSubkey) {
     EXPECT_EQ(Logged(), Lines{"E utilRegKey::GetMSWViewFlags - Unknown registry view.\n"});
 }
 
-TEST_F(RegistryTest, TextValuesRoundTripAndComeBackExpanded) {
+TEST_F(RegistryTest, ValuesComeBackAsStoredOrExpandedWhateverTheirType) {
     utilRegKey key(kFullKey, 0);
     EXPECT_TRUE(key.Exists());
     EXPECT_TRUE(key.SetValue(L"Name", L"C:\\Corvale\\"));
@@ -103,15 +103,12 @@ TEST_F(RegistryTest, TextValuesRoundTripAndComeBackExpanded) {
     DWORD size = 0; // the terminator was written with the text
     RegQueryValueExW(m_key.Get(), L"Name", nullptr, nullptr, nullptr, &size);
     EXPECT_EQ(size, 24u);
-}
 
-TEST_F(RegistryTest, TypeMismatchesAreLoggedButTheValueStands) {
+    // A type mismatch is logged, but the value stands.
     DWORD number = 0x00420041; // reads as the two characters "AB"
     Put(L"Number", REG_DWORD, &number, sizeof(number));
     Put(L"Short", REG_SZ, L"a", 4);      // 4 bytes with its terminator
     Put(L"Long", REG_SZ, L"abcdef", 14); // too long for a number
-
-    utilRegKey key(kFullKey, 0);
     std::wstring text;
     EXPECT_TRUE(key.QueryValue(L"Number", text));
     EXPECT_EQ(text, L"AB");
@@ -129,6 +126,16 @@ TEST_F(RegistryTest, TypeMismatchesAreLoggedButTheValueStands) {
                      "E utilRegKey::QueryValue - Type mismatch in utilRegKey::QueryValue().\n",
                      "E utilRegKey::QueryValue - Can't read value of key '" + kShownKey +
                          "', err=234\n"}));
+
+    // After a write open, a read reuses the write handle, even for a key now gone.
+    utilRegKey writer(kFullKey, 0);
+    ASSERT_TRUE(writer.Open(utilRegKey::ACCESS_WRITE));
+    m_key.Reset();
+    ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTestKey), ERROR_SUCCESS);
+    EXPECT_TRUE(writer.Open(utilRegKey::ACCESS_READ));
+    EXPECT_TRUE(writer.Exists());
+    EXPECT_TRUE(writer.Close());
+    EXPECT_FALSE(writer.Exists());
 }
 
 TEST_F(RegistryTest, MissingKeysAndValuesAreReportedWithTheirNames) {
@@ -198,18 +205,6 @@ TEST_F(RegistryTest, SetValueWithCreateMakesAMissingKeyUnderLocalMachine) {
                              "\\ServiceStatus', err=2\n\n");
     EXPECT_EQ(logged[3].rfind("E utilRegKey::SetValueWithCreate - SetValue Fail Error(", 0), 0u)
         << logged[3];
-}
-
-TEST_F(RegistryTest, ReadingAfterAWriteOpenReusesTheWriteHandle) {
-    utilRegKey key(kFullKey, 0);
-    ASSERT_TRUE(key.Open(utilRegKey::ACCESS_WRITE));
-    m_key.Reset();
-    ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTestKey), ERROR_SUCCESS);
-    // A fresh open would now fail; the open write handle satisfies the read.
-    EXPECT_TRUE(key.Open(utilRegKey::ACCESS_READ));
-    EXPECT_TRUE(key.Exists());
-    EXPECT_TRUE(key.Close());
-    EXPECT_FALSE(key.Exists());
 }
 
 } // namespace
