@@ -1,7 +1,5 @@
 #include "HostScript.h"
 
-#include <fstream>
-
 ProcessResult RunHost(const std::vector<std::wstring>& arguments, DWORD timeoutMs) {
     std::vector<std::wstring> command = {BinPath(L"zephhost.exe"),
                                          BinPath(L"zephExt_TarnClient.dll")};
@@ -10,10 +8,11 @@ ProcessResult RunHost(const std::vector<std::wstring>& arguments, DWORD timeoutM
 }
 
 std::wstring WriteHostScript(const std::vector<std::string>& calls) {
-    std::wstring path = TempPath(L"zephhost_script.txt");
-    std::ofstream file(path.c_str(), std::ios::binary);
+    std::string script;
     for (const std::string& call : calls)
-        file << call << "\n";
+        script += call + "\n";
+    std::wstring path = TempPath(L"zephhost_script.txt");
+    WriteFileBytes(path, script);
     return path;
 }
 

@@ -4,7 +4,7 @@
 
 namespace {
 
-const wchar_t kAnswerSource[] = L"C:\\ZephTestBed\\qvsock_answer.bin";
+const std::wstring kAnswerSource = L"C:\\ZephTestBed\\qvsock_answer.bin";
 
 } // namespace
 
@@ -33,8 +33,8 @@ bool SetBehaviour(const Behaviour& behaviour) {
 bool AnswerWith(const std::string& bytes) {
     Behaviour behaviour;
     behaviour.answerFrom = kAnswerSource;
-    return CreateFolderTree(L"C:\\ZephTestBed") && WriteFileBytes(kAnswerSource, bytes) &&
-           SetBehaviour(behaviour);
+    return CreateFolderTree(kAnswerSource.substr(0, kAnswerSource.rfind(L'\\'))) &&
+           WriteFileBytes(kAnswerSource, bytes) && SetBehaviour(behaviour);
 }
 
 std::vector<std::string> Journal() {
@@ -48,7 +48,7 @@ void ClearJournal() {
 void Remove() {
     TestBedRegistry::DeleteTree(kQvsockBehaviourKey);
     ClearJournal();
-    DeleteFileW(kAnswerSource);
+    DeleteFileW(kAnswerSource.c_str());
 }
 
 } // namespace QvsockDouble
