@@ -256,26 +256,41 @@ TEST_F(IssuerCheckedLoading, NullArguments) {
 
 using SignatureManager = SignatureTest;
 
-TEST_F(SignatureManager, FlagsChooseTheTrustedSigners) {
-    std::wstring maker = BinPath(L"sigprobe_quorvane.dll");
-    std::wstring other = BinPath(L"sigprobe_other.dll");
-    SignatureVerifyResult result = m_manager.VerifyDigitalSignature(maker.c_str(), 0x2, false);
-    EXPECT_FALSE(result.verified);
-    EXPECT_EQ(result.error, ERROR_FAILED_ISSUER_CHECK);
-    result = m_manager.VerifyDigitalSignature(maker.c_str(), 0x3, false);
-    EXPECT_TRUE(result.verified);
-    EXPECT_EQ(result.error, 0u);
-    result = m_manager.VerifyDigitalSignature(other.c_str(), 0x3, false);
-    EXPECT_FALSE(result.verified);
-    EXPECT_EQ(result.error, ERROR_FAILED_ISSUER_CHECK);
+// The multiple-signature path judges the primary signer alike.
+TEST_F(SignatureManager, FlagsChooseTheTrustedSignersOnEitherPath) {
+    const std::wstring maker = BinPath(L"sigprobe_quorvane.dll");
+    const std::wstring other = BinPath(L"sigprobe_other.dll");
+    const struct {
+        const std::wstring& file;
+        DWORD flags;
+        bool multiple;
+        bool verified;
+    } cases[] = {{maker, 0x2, false, false},
+                 {maker, 0x3, false, true},
+                 {other, 0x3, false, false},
+                 {maker, 0x1, true, true},
+                 {other, 0x1, true, false}};
+    for (const auto& c : cases) {
+        SignatureVerifyResult result =
+            c.multiple
+                ? m_manager.VerifyEmbeddedSignatureMultipleSign(c.file.c_str(), c.flags, false)
+                : m_manager.VerifyDigitalSignature(c.file.c_str(), c.flags, false);
+        EXPECT_EQ(result.verified, c.verified) << c.flags;
+        EXPECT_EQ(result.error, c.verified ? 0u : ERROR_FAILED_ISSUER_CHECK) << c.flags;
+    }
+    Lines logged = Logged();
     const std::string platform =
         kPrepare +
         "Microsoft Corporation; Microsoft Windows; Microsoft Windows Component Publisher; "
         "Microsoft "
         "Windows Early Launch Anti-malware Publisher; Microsoft Windows Hardware Compatibility "
         "Publisher; Microsoft Windows Publisher";
-    EXPECT_EQ(Starting(Logged(), kPrepare),
-              (Lines{platform, platform + "; Quorvane, Inc.", platform + "; Quorvane, Inc."}));
+    EXPECT_EQ(Starting(logged, kPrepare),
+              (Lines{platform, platform + "; Quorvane, Inc.", platform + "; Quorvane, Inc.",
+                     kPrepare + "Quorvane, Inc.", kPrepare + "Quorvane, Inc."}));
+    EXPECT_EQ(Starting(logged, kMultipleSign + "find"),
+              (Lines{kMultipleSign + "find a valid digital signature and signer is correct",
+                     kMultipleSign + "find a valid digital signature but signer is incorrect"}));
 }
 
 TEST_F(SignatureManager, WithoutSignerBitsAnyValidSignatureIsAccepted) {
@@ -310,19 +325,6 @@ TEST_F(SignatureManager, CatalogIsConsultedOnlyWhenTheFlagAllowsIt) {
                                "create context with algorithm=SHA1");
     EXPECT_NE(m_manager.VerifyByMSCatalogSingleSign(unsignedProbe.c_str()), 0u)
         << "no catalog of this machine holds the probe";
-}
-
-TEST_F(SignatureManager, MultipleSignaturePathJudgesThePrimarySignerAlike) {
-    SignatureVerifyResult maker = m_manager.VerifyEmbeddedSignatureMultipleSign(
-        BinPath(L"sigprobe_quorvane.dll").c_str(), 0x1, false);
-    EXPECT_TRUE(maker.verified);
-    SignatureVerifyResult other = m_manager.VerifyEmbeddedSignatureMultipleSign(
-        BinPath(L"sigprobe_other.dll").c_str(), 0x1, false);
-    EXPECT_FALSE(other.verified);
-    EXPECT_EQ(other.error, ERROR_FAILED_ISSUER_CHECK);
-    EXPECT_EQ(Starting(Logged(), kMultipleSign + "find"),
-              (Lines{kMultipleSign + "find a valid digital signature and signer is correct",
-                     kMultipleSign + "find a valid digital signature but signer is incorrect"}));
 }
 
 // ---- Event-log reporter ----------------------------------------------------
