@@ -163,7 +163,6 @@ TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptio
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str());
 }
 
-// The whole road: the real DLL in a fresh host process.
 // The whole road: the real DLL in a fresh host process, a query and the
 // prerequisite with the running agent's version.
 TEST_F(QueryTest, ClientStatusAndPrerequisiteThroughTheExports) {

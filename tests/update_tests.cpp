@@ -155,7 +155,7 @@ TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
     EXPECT_TRUE(Contains(Logged(), "I zephExt_PostUpdate - Deleted backup files(9)."));
 }
 
-TEST_F(UpdateTest, EveryFailedStageRollsBackToTheOldAgent) {
+TEST_F(UpdateTest, RollbackFromEveryStageRestoresTheOldAgent) {
     auto launched = [](const std::string& command, int code) {
         return "E PrepAndLaunchRedirectedChild - Return code is not zero, err=" +
                std::to_string(code) + "\nE zephExt_DoUpdate - Unable to complete " + command +
