@@ -16,10 +16,6 @@ inline Lines Complaints(const Lines& lines) {
     return complaints;
 }
 
-inline bool ClientFolderExists() {
-    return GetFileAttributesW(AgentDouble::kClientFolder) != INVALID_FILE_ATTRIBUTES;
-}
-
 inline bool Contains(const Lines& lines, const std::string& wanted) {
     return std::find(lines.begin(), lines.end(), wanted) != lines.end();
 }

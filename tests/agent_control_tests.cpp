@@ -178,12 +178,12 @@ TEST_F(AgentControlTest, UninstallKeepsTheFilesWhenDeleteFails) {
     EXPECT_EQ(Complaints(Logged()),
               (Lines{"E PrepAndLaunchRedirectedChild - Return code is not zero, err=7",
                      "E UninstallTarn - Unable to complete uninstall command. ret=7"}));
-    EXPECT_TRUE(ClientFolderExists());
+    EXPECT_TRUE(PathExists(AgentDouble::kClientFolder));
 
     // The service went with that "-delete"; the files go on the next uninstall.
     EXPECT_EQ(UninstallTarn(), 0);
     EXPECT_TRUE(Contains(Logged(), "D UninstallTarn - Tarn Agent service not exists."));
-    EXPECT_FALSE(ClientFolderExists());
+    EXPECT_FALSE(PathExists(AgentDouble::kClientFolder));
     EXPECT_EQ(UninstallTarn(), 0) << "nothing left to remove";
 }
 

@@ -104,7 +104,7 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
     ASSERT_EQ(frames.size(), 1u);
     ExpectFrame(frames[0], 2, 1, "{\"service\":0}"); // self-protection status
     EXPECT_EQ(AgentDouble::State(), 0u);
-    EXPECT_FALSE(ClientFolderExists());
+    EXPECT_FALSE(PathExists(AgentDouble::kClientFolder));
     ExpectAmong(PluginLog(), {"D UninstallTarn - Tarn Agent service exists. Uninstall...",
                               "D UninstallTarn - Deleted 3 file(s)."});
 
@@ -116,7 +116,7 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
     ASSERT_TRUE(SetFileAttributesW(locked.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
     EXPECT_TRUE(AgentDouble::ReceivedFrames().empty());
-    EXPECT_FALSE(ClientFolderExists());
+    EXPECT_FALSE(PathExists(AgentDouble::kClientFolder));
 }
 
 TEST_F(CommandExportTest, PolicyFlagsWithoutARunningAgent) {

@@ -9,7 +9,6 @@
 #include "eventLogValidation.h"
 #include "zephExt_TarnClient.h"
 
-#include <fstream>
 #include <functional>
 
 namespace {
@@ -188,11 +187,8 @@ TEST_F(VerifyLogTest, TheFirstFailingFieldIsNamed) {
 class ParseLogTest : public SimulatedInstallTest {
   protected:
     static std::wstring Write(const std::string& content) {
-        std::ofstream(kFile.c_str(), std::ios::binary) << content;
+        EXPECT_TRUE(WriteFileBytes(kFile, content));
         return kFile;
-    }
-    static bool Exists(const std::wstring& path) {
-        return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
     }
 
     // One call with the host's buffers pre-filled, so untouched ones show.
@@ -237,7 +233,7 @@ TEST_F(ParseLogTest, AValidFirstLineIsReturnedAndTheFileKept) {
         EXPECT_EQ(call.type, L"ZEPH_IPRODUCT_DETECTION_LOG");
         EXPECT_EQ(call.data, line + '\0');
         EXPECT_EQ(call.dataSize, line.size() + 1);
-        EXPECT_TRUE(Exists(kFile));
+        EXPECT_TRUE(PathExists(kFile));
         EXPECT_EQ(Logged(), Lines{});
     }
     // The type name is cut to the host's buffer and terminated; no buffer, no name.
@@ -296,7 +292,7 @@ TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
         EXPECT_EQ(call.type, Untouched());
         EXPECT_EQ(call.data, "(none)");
         EXPECT_EQ(call.dataSize, 0xA5A5A5A5u);
-        EXPECT_EQ(Exists(kFile), c.kept);
+        EXPECT_EQ(PathExists(kFile), c.kept);
         EXPECT_EQ(Text(Logged()), c.logged);
     }
 
@@ -305,7 +301,7 @@ TEST_F(ParseLogTest, FailuresAnswerTheirCodeAndDeleteOnlyWhatIsInvalid) {
                                   OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(reader.IsValid());
     EXPECT_EQ(Parse(kFile).result, RESULT_PARSELOG_INVALID);
-    EXPECT_TRUE(Exists(kFile));
+    EXPECT_TRUE(PathExists(kFile));
     EXPECT_EQ(Logged(), (Lines{"E zephExt_ParseLog - Empty file",
                                "E zephExt_ParseLog - _wremove error: 32"}));
 }
@@ -317,7 +313,7 @@ TEST_F(ParseLogTest, TheHostGetsTheRecordThroughTheDll) {
     EXPECT_EQ(result.output, "zephExt_ParseLog -> 0\ntype: ZEPH_IPRO\ndata(" +
                                  std::to_string(line.size() + 1) + "): " + line +
                                  "\nzephExt_Free -> 0\n");
-    EXPECT_TRUE(Exists(kFile));
+    EXPECT_TRUE(PathExists(kFile));
 }
 
 } // namespace

@@ -6,25 +6,21 @@
 
 namespace {
 
-const char kAnswerFile[] = ".\\qvsock_response";
+const wchar_t kAnswerFile[] = L".\\qvsock_response";
 const std::string kSent =
     "D talkToTarnServer - Send request to server succeeded, responseCode(200)";
 const std::string kTalkFailed = "E sendNotifyResultToServer - Unable to talk to Tarn Server.";
 const std::string kInvalid = "E sendNotifyResultToServer - Invalid response format.";
 
-bool AnswerFileExists() {
-    return GetFileAttributesA(kAnswerFile) != INVALID_FILE_ATTRIBUTES;
-}
-
 class ServerNotifyTest : public SimulatedInstallTest {
   protected:
     void SetUp() override {
-        DeleteFileA(kAnswerFile);
+        DeleteFileW(kAnswerFile);
         SimulatedInstallTest::SetUp();
     }
     void TearDown() override {
         SimulatedInstallTest::TearDown();
-        DeleteFileA(kAnswerFile);
+        DeleteFileW(kAnswerFile);
     }
 
     static std::wstring InstalledLibrary() {
@@ -38,7 +34,7 @@ class ServerNotifyTest : public SimulatedInstallTest {
         EXPECT_EQ(QvsockDouble::Journal(),
                   Lines{QvsockDouble::JournalLine(
                       R"({"name":"NotifyResult","notifyType":1,"result":0})", "cmd")});
-        EXPECT_FALSE(AnswerFileExists());
+        EXPECT_FALSE(PathExists(kAnswerFile));
         QvsockDouble::ClearJournal();
     }
 };

@@ -6,7 +6,6 @@
 #include "zephExt_TarnClient.h"
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 
 namespace {
@@ -23,8 +22,8 @@ const std::string kUserConfig = "[Policy]\r\nEnabled=0\r\n; the user's own setti
 using Tree = std::map<std::string, std::string>; // relative path -> bytes
 
 void WriteFile(const std::wstring& path, const std::string& bytes) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(fs::path(path), std::ios::binary) << bytes;
+    EXPECT_TRUE(CreateFolderTree(fs::path(path).parent_path().wstring()));
+    EXPECT_TRUE(WriteFileBytes(path, bytes));
 }
 
 Tree Snapshot(const std::wstring& folder) {
