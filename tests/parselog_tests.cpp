@@ -100,19 +100,6 @@ TEST(EventFieldRuleTest, EachRuleAcceptsItsFormsOnly) {
     }
 }
 
-TEST(EventFieldRuleTest, RecordSplitsAtCommaSpaceKeepingEmptyFields) {
-    const std::pair<const char*, Fields> cases[] = {{"a, b", {"a", "b"}},
-                                                    {"a, , b", {"a", "", "b"}},
-                                                    {"a, ", {"a", ""}},
-                                                    {"abc", {"abc"}},
-                                                    {"", {""}},
-                                                    {"a,b", {"a,b"}},
-                                                    {", , ", {"", "", ""}},
-                                                    {"a,  b", {"a", " b"}}};
-    for (const auto& [line, fields] : cases)
-        EXPECT_EQ(splitLogRecord(line), fields) << line;
-}
-
 class VerifyLogTest : public LogCaptureTest {};
 
 TEST_F(VerifyLogTest, TheFirstFailingFieldIsNamed) {

@@ -116,6 +116,11 @@ class UpdateTest : public AgentControlTest {
         return text;
     }
 
+    static std::string ReplaceFailed(int code) {
+        return "E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error code: " +
+               std::to_string(code) + ",  error message: \n";
+    }
+
     void* m_context = nullptr;
     Tree m_oldFiles;
 };
@@ -169,13 +174,7 @@ TEST_F(UpdateTest, RollbackFromEveryStageRestoresTheOldAgent) {
         std::string complaints; // one per line
     } cases[] = {
         {"uninstall fails", {0, 5}, false, 0x1040004, 1, launched("uninstall", 5)},
-        {"a file is locked",
-         {},
-         true,
-         0x1040005,
-         2,
-         "E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error code: 32,  error "
-         "message: \n"},
+        {"a file is locked", {}, true, 0x1040005, 2, ReplaceFailed(32)},
         {"install fails", {1603}, false, 0x1040006, 3, launched("install", 1603)},
         {"install wants a reboot", {0xFFFFFF92}, false, 0x1040006, 3, launched("install", -110)},
         {"install wants a restart", {3010}, false, 0x1040006, 3, launched("install", 3010)},
@@ -255,9 +254,7 @@ TEST_F(UpdateTest, MissingParentsAreNeverMade) {
     EXPECT_EQ(DoUpdate(), 0x1040005u);
     EXPECT_EQ(Counter(), 2);
     EXPECT_FALSE(fs::exists(kAgentParent));
-    EXPECT_EQ(Grievances(Logged()),
-              "E zephExt_DoUpdate - Unable to replace files of Tarn agent. Error "
-              "code: 3,  error message: \n");
+    EXPECT_EQ(Grievances(Logged()), ReplaceFailed(3));
 
     EXPECT_EQ(Rollback(), 0x1040007u) << "nowhere to restore the backup to";
     EXPECT_FALSE(fs::exists(kAgentParent));
