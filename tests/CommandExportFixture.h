@@ -10,8 +10,7 @@
 #include <cstring>
 
 inline const wchar_t kAgentKey[] = L"SOFTWARE\\Quorvane\\TarnAgent";
-inline const wchar_t kProductKey[] =
-    L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+using SimulatedInstall::kProductKey;
 
 // A frame as the agent must see it: magic "NTVQ", type, identifier, payload
 // length and payload, stamped with the UTC time of sending.

@@ -1,19 +1,39 @@
 #pragma once
-// What the host binding's maker check logs for a host-library candidate: the
-// issuer check of the signature manager with the signer "Quorvane, Inc.".
+// What the signature checks log, and the host binding around them.
 #include "LogCapture.h"
 
 #include <algorithm>
 #include <string>
 
 // `prefix` is what the plug-in puts before each text ("" in-process).
+inline std::string SingleSign(const std::string& prefix) {
+    return "D " + prefix + "CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - ";
+}
+inline std::string CheckingIssuer(const std::string& prefix, const std::string& path) {
+    return "D " + prefix + "CheckFileIssuer - Checking whether file (" + path +
+           ") is signed by issuer (Quorvane, Inc.)";
+}
+
+// The signature manager's check of a file the system's trust provider refuses
+// with `status`, as it tries the certificate information next.
+inline Lines RefusedSingleSign(const std::string& prefix, const std::string& path,
+                               const std::string& status) {
+    const std::string single = SingleSign(prefix);
+    return {single + ">>> try to verify file=" + path,
+            single + "failed to call WinVerifyTrust(), StatusVerify=" + status +
+                ", GetLastError=" + status,
+            single + "try to verify by certificate information",
+            single + "failed to verify by certificate information", single + "<<<"};
+}
+
+// What the host binding's maker check logs for a host-library candidate: the
+// issuer check of the signature manager with the signer "Quorvane, Inc.".
 // `platformLine`: the first check in a process also names the platform.
 inline Lines MakerCheckPassed(const std::string& prefix, const std::string& path,
                               bool platformLine) {
     const std::string manager = "D " + prefix + "CCrvDigitalSignatureManagerEx::";
-    const std::string single = manager + "VerifyEmbeddedSignatureSingleSign - ";
-    Lines lines = {"D " + prefix + "CheckFileIssuer - Checking whether file (" + path +
-                   ") is signed by issuer (Quorvane, Inc.)"};
+    const std::string single = SingleSign(prefix);
+    Lines lines = {CheckingIssuer(prefix, path)};
     if (platformLine)
         lines.push_back("D " + prefix + "CSingletonWinTrustHelper - support single sign platform");
     for (const std::string& line :
@@ -28,17 +48,12 @@ inline Lines MakerCheckPassed(const std::string& prefix, const std::string& path
 
 // What the check logs for a candidate that does not exist.
 inline Lines MakerCheckOfMissingFile(const std::string& prefix, const std::string& path) {
-    const std::string single =
-        "D " + prefix + "CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - ";
-    return {"D " + prefix + "CheckFileIssuer - Checking whether file (" + path +
-                ") is signed by issuer (Quorvane, Inc.)",
-            single + ">>> try to verify file=" + path,
-            single + "failed to call WinVerifyTrust(), StatusVerify=2, GetLastError=2",
-            single + "try to verify by certificate information",
-            single + "failed to verify by certificate information",
-            single + "<<<",
-            "E " + prefix + "CheckFileIssuer - failed to check digital signature for " + path +
-                ", err=2"};
+    Lines lines = {CheckingIssuer(prefix, path)};
+    for (const std::string& line : RefusedSingleSign(prefix, path, "2"))
+        lines.push_back(line);
+    lines.push_back("E " + prefix + "CheckFileIssuer - failed to check digital signature for " +
+                    path + ", err=2");
+    return lines;
 }
 
 // What the host binding logs while the parent product's install path is

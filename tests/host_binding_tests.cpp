@@ -8,7 +8,7 @@
 
 namespace {
 
-const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+using SimulatedInstall::kProductKey;
 const std::string kShownProductKey =
     "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
 const wchar_t kMiscKey[] = L"SOFTWARE\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\Misc.";

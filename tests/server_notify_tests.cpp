@@ -41,18 +41,15 @@ class ServerNotifyTest : public SimulatedInstallTest {
 
 TEST_F(ServerNotifyTest, ServerAnswers) {
     const std::string unparsed = "E talkToTarnServer - Unable to prase response json, error: ";
+    const std::string respond = "E sendNotifyResultToServer - Tarn server respond error:";
     const struct {
         const char* answer; // null: no answer file at all
         bool expected;
         Lines afterSending;
     } cases[] = {
         {R"({"name":"errorCode","value":0})", true, {}},
-        {R"({"name":"errorCode","value":5})",
-         false,
-         {"E sendNotifyResultToServer - Tarn server respond error:5"}},
-        {R"({"value":-1,"name":"errorCode","extra":[]})",
-         false,
-         {"E sendNotifyResultToServer - Tarn server respond error:-1"}},
+        {R"({"name":"errorCode","value":5})", false, {respond + "5"}},
+        {R"({"value":-1,"name":"errorCode","extra":[]})", false, {respond + "-1"}},
         {"", false, {unparsed + "1", kTalkFailed}},
         {R"({"name":)", false, {unparsed + "3", kTalkFailed}},
         {"[0]", false, {kInvalid}},

@@ -13,8 +13,7 @@
 
 namespace {
 
-const std::string kSingleSign =
-    "D CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - ";
+const std::string kSingleSign = SingleSign("");
 const std::string kMultipleSign =
     "D CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureMultipleSign - ";
 const std::string kPrepare = "D CCrvDigitalSignatureManagerEx::PrepareSigners - allowed signers=";
@@ -72,29 +71,19 @@ class SignatureTest : public LogCaptureTest {
     }
     void TearDown() override {
         TestBedRegistry::DeleteTree(kQvNotifyBehaviourKey);
-        for (const std::wstring& file : m_copies)
-            DeleteFileW(file.c_str());
-        for (auto it = m_folders.rbegin(); it != m_folders.rend(); ++it)
-            RemoveDirectoryW(it->c_str());
+        RemoveFolderTree(kScratch);
     }
 
-    // A copy of a bin-folder file under another name.
-    std::wstring CopyOf(const wchar_t* binFile, const std::wstring& target) {
-        EXPECT_TRUE(CopyFileW(BinPath(binFile).c_str(), target.c_str(), FALSE));
-        m_copies.push_back(target);
-        return target;
+    // `name` in a folder that goes after the case; with `binFile`, a copy of it.
+    static std::wstring Scratch(const std::wstring& name, const wchar_t* binFile = nullptr) {
+        const std::wstring path = kScratch + L"\\" + name;
+        EXPECT_TRUE(CreateFolderTree(binFile ? kScratch : path));
+        EXPECT_TRUE(!binFile || CopyFileW(BinPath(binFile).c_str(), path.c_str(), FALSE));
+        return path;
     }
-    std::wstring Folder(const wchar_t* name) {
-        std::wstring folder = TempPath(name);
-        CreateDirectoryW(folder.c_str(), nullptr);
-        m_folders.push_back(folder);
-        return folder;
-    }
+    static inline const std::wstring kScratch = L"C:\\ZephTestBed\\signature";
 
     CCrvDigitalSignatureManagerEx m_manager;
-
-    std::vector<std::wstring> m_copies; // deleted after the case
-    std::vector<std::wstring> m_folders;
 };
 
 // ---- Issuer-checked loading ------------------------------------------------
@@ -114,7 +103,7 @@ TEST_F(IssuerCheckedLoading, LibrarySignedByTheIssuerLoadsThatVeryFile) {
     EXPECT_EQ(Logged(), expected);
 
     // Without the trailing "." the loader would look for "sigprobe_noext.dll".
-    std::wstring copy = CopyOf(L"sigprobe_quorvane.dll", TempPath(L"sigprobe_noext"));
+    std::wstring copy = Scratch(L"sigprobe_noext", L"sigprobe_quorvane.dll");
     ScopedModule wide(LoadLibraryWithIssuerCheckW(L"Quorvane, Inc.", copy.c_str()));
     EXPECT_TRUE(wide);
     ScopedModule narrow(LoadLibraryWithIssuerCheckA("Quorvane, Inc.", Narrow(copy).c_str()));
@@ -135,9 +124,8 @@ TEST_F(IssuerCheckedLoading, AnotherSignerIsRefusedReportedOnceAndRecorded) {
     Lines head(logged.begin(), logged.begin() + std::min<size_t>(logged.size(), 10));
     EXPECT_EQ(head,
               (Lines{"D LoadLibraryWithIssuerCheckW - File for issuer check is (" + path + ")",
-                     "D CheckFileIssuer - Checking whether file (" + path +
-                         ") is signed by issuer (Quorvane, Inc.)",
-                     kSingleSign + ">>> try to verify file=" + path, kPrepare + "Quorvane, Inc.",
+                     CheckingIssuer("", path), kSingleSign + ">>> try to verify file=" + path,
+                     kPrepare + "Quorvane, Inc.",
                      kSignerCheck + "signer=[Otherco Test Signer] is not in trusted list",
                      kSingleSign + "find a valid digital signature but signer is incorrect",
                      kSingleSign + "<<<",
@@ -173,7 +161,7 @@ TEST_F(IssuerCheckedLoading, AnotherSignerIsRefusedReportedOnceAndRecorded) {
 }
 
 TEST_F(IssuerCheckedLoading, DirectoryOrMissingFileGivesFileNotFound) {
-    std::wstring folder = Folder(L"sigprobe_folder.dll");
+    std::wstring folder = Scratch(L"sigprobe_folder.dll");
     std::wstring missing = TempPath(L"sigprobe_missing.dll");
     for (const std::wstring& file : {folder, missing}) {
         std::string path = Narrow(file);
@@ -278,20 +266,13 @@ TEST_F(SignatureManager, WithoutSignerBitsAnyValidSignatureIsAccepted) {
     std::string image;
     ASSERT_TRUE(ReadFileBytes(BinPath(L"sigprobe_quorvane.dll"), image));
     image[image.size() / 4] ^= 0x01; // inside the code, well before the signature
-    std::wstring tampered = TempPath(L"sigprobe_tampered.dll");
+    std::wstring tampered = Scratch(L"sigprobe_tampered.dll", L"sigprobe_quorvane.dll");
     ASSERT_TRUE(WriteFileBytes(tampered, image));
-    m_copies.push_back(tampered);
     const std::pair<std::wstring, std::string> cases[] = {
         {BinPath(L"sigprobe_unsigned.dll"), "800b0100"}, {tampered, "80096010"}};
     for (const auto& [file, status] : cases) {
         EXPECT_FALSE(m_manager.VerifyDigitalSignature(file.c_str(), 0, false).verified);
-        const std::string verdict = status + ", GetLastError=" + status;
-        EXPECT_EQ(Logged(),
-                  (Lines{kSingleSign + ">>> try to verify file=" + Narrow(file),
-                         kSingleSign + "failed to call WinVerifyTrust(), StatusVerify=" + verdict,
-                         kSingleSign + "try to verify by certificate information",
-                         kSingleSign + "failed to verify by certificate information",
-                         kSingleSign + "<<<"}));
+        EXPECT_EQ(Logged(), RefusedSingleSign("", Narrow(file), status));
     }
 }
 
@@ -359,10 +340,10 @@ TEST_F(EventLogReporter, LibrariesThatCannotServeAreNotKept) {
          kQvInit + ("CQvNotifyDLL::CQvNotifyDLL() GetProcAddress error = 127\n")},
     };
     for (const auto& c : cases) {
-        std::wstring folder = Folder(c.folder);
+        std::wstring folder = Scratch(c.folder);
         std::wstring library = folder + L"\\qvnotify.dll";
         if (c.library)
-            CopyOf(c.library, library);
+            Scratch(std::wstring(c.folder) + L"\\qvnotify.dll", c.library);
         CQvNotifyDLL notify;
         EXPECT_EQ(notify.Init((Narrow(folder) + c.suffix).c_str()), 0);
         EXPECT_EQ(Text(Starting(Logged(), kQvInit)), c.complaints);
@@ -372,7 +353,7 @@ TEST_F(EventLogReporter, LibrariesThatCannotServeAreNotKept) {
 
     // Tried once: later calls of Init answer 1 and the operations -2.
     CQvNotifyDLL notify;
-    const std::string absent = Narrow(TempPath(L"qvnotify_absent"));
+    const std::string absent = Narrow(kScratch + L"\\qvnotify_absent");
     EXPECT_EQ(notify.Init(absent.c_str()), 0);
     EXPECT_EQ(notify.Init(absent.c_str()), 1);
     EXPECT_EQ(notify.Init(nullptr), 1);

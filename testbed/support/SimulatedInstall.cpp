@@ -6,7 +6,6 @@
 
 namespace {
 
-const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
 const wchar_t kInstallPathValue[] = L"Application Path";
 // Under kTestBedKey: the folder Create made, so that Remove deletes that one.
 const wchar_t kInstallFolderValue[] = L"InstallFolder";
@@ -28,6 +27,7 @@ std::wstring WithTrailingBackslash(std::wstring folder) {
 namespace SimulatedInstall {
 
 const wchar_t kFolder[] = L"C:\\ZephTestBed\\Corvale\\";
+const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
 
 bool Create(HostLibraryVariant variant, const std::wstring& folder) {
     // The parent product keeps a Temp folder; the agent update backs up into it.

@@ -51,6 +51,8 @@ struct HostBehaviour {
 namespace SimulatedInstall {
 
 extern const wchar_t kFolder[]; // L"C:\\ZephTestBed\\Corvale\\"
+// The parent product's key under HKEY_LOCAL_MACHINE, which holds "Application Path".
+extern const wchar_t kProductKey[];
 
 // Writes "Application Path" = folder (REG_SZ, as given), creates the folder
 // with its "Temp" folder, copies the chosen host library double into it as
