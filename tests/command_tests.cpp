@@ -49,16 +49,12 @@ TEST_F(CommandExportTest, StartAndStopRecordTheServiceStatus) {
 
     // A stopped agent serves no pipe: one attempt, no retry, and a failed stop.
     EXPECT_EQ(Host({Service("ZEPH_TYPE_IAGT_STOP")}), Lines{CommandResult(1)});
-    Lines log = Logged();
-    EXPECT_TRUE(Contains(log, "D " + P +
-                                  "HandleCommand - Trying send stop Tarn agent command the 1 "
-                                  "time(s)..."));
-    EXPECT_FALSE(Contains(log, "D " + P +
-                                   "HandleCommand - Trying send stop Tarn agent command the 2 "
-                                   "time(s)..."));
-    EXPECT_TRUE(Contains(log, "E " + P + "HandleCommand - Unable to init pipe."));
-    EXPECT_TRUE(
-        Contains(log, "E " + P + "HandleCommand - Unable to stop Tarn agent service. ret=-1"));
+    Lines log = PluginLog();
+    ExpectAmong(log, {"D HandleCommand - Trying send stop Tarn agent command the 1 time(s)...",
+                      "E HandleCommand - Unable to init pipe.",
+                      "E HandleCommand - Unable to stop Tarn agent service. ret=-1"});
+    EXPECT_FALSE(
+        Contains(log, "D HandleCommand - Trying send stop Tarn agent command the 2 time(s)..."));
 }
 
 // A failing enable right after the install shows the status code the install
