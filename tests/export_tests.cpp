@@ -35,33 +35,31 @@ class ExportTest : public SimulatedInstallTest {
 };
 
 TEST_F(ExportTest, RefusedQueriesStillAnswerAFullResponse) {
+    auto refused = [](const std::string& id) {
+        return R"({"query_id":")" + id +
+               R"(","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})";
+    };
+    const std::string parsing = "E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: ";
+    const std::string invalidId = "E " + P + "IsValidOnQueryRequest - Invalid query id.";
     struct Case {
         std::string request;
         std::string response;
-        Lines between;
+        std::string why;
     } cases[] = {
         {R"({"query_id":"zeph_onquery_service_status","product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})",
-         R"({"query_id":"zeph_onquery_service_status","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "IsValidOnQueryRequest - Invalid query id."}},
+         refused("zeph_onquery_service_status"), invalidId},
         {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN"})",
-         R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "IsValidOnQueryRequest - Invalid request format."}},
-        {R"({"query_id":["x"],"product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})",
-         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "IsValidOnQueryRequest - Invalid query id."}},
-        {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_)",
-         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 11"}},
-        {"]",
-         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 3"}},
-        {"", // no request at all
-         R"({"query_id":"","product_id":"ZEPH_IPRODUCT_TARN","result_code":2,"result_data":{}})",
-         {"E " + P + "zephExt_OnQueryData - rapidjosn - parsing error: 1"}},
+         refused("ZEPH_ONQUERY_SERVICE_STATUS"),
+         "E " + P + "IsValidOnQueryRequest - Invalid request format."},
+        {R"({"query_id":["x"],"product_id":"ZEPH_IPRODUCT_TARN","query_data":{}})", refused(""),
+         invalidId},
+        {R"({"query_id":"ZEPH_ONQUERY_SERVICE_STATUS","product_)", refused(""), parsing + "11"},
+        {"]", refused(""), parsing + "3"},
+        {"", refused(""), parsing + "1"}, // no request at all
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Host(L"query", c.request), QueryOutput(c.response));
-        EXPECT_EQ(WithoutBinding(Logged()), QueryLog(c.request, c.between, c.response));
+        EXPECT_EQ(WithoutBinding(Logged()), QueryLog(c.request, {c.why}, c.response));
     }
 }
 
