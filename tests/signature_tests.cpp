@@ -263,10 +263,10 @@ TEST_F(SignatureManager, WithoutSignerBitsAnyValidSignatureIsAccepted) {
                                kSingleSign + "<<<"}));
 
     // Whatever is wrong with the signature, only the system's status tells.
-    std::string image;
-    ASSERT_TRUE(ReadFileBytes(BinPath(L"sigprobe_quorvane.dll"), image));
-    image[image.size() / 4] ^= 0x01; // inside the code, well before the signature
     std::wstring tampered = Scratch(L"sigprobe_tampered.dll", L"sigprobe_quorvane.dll");
+    std::string image;
+    ASSERT_TRUE(ReadFileBytes(tampered, image));
+    image[image.size() / 4] ^= 0x01; // inside the code, well before the signature
     ASSERT_TRUE(WriteFileBytes(tampered, image));
     const std::pair<std::wstring, std::string> cases[] = {
         {BinPath(L"sigprobe_unsigned.dll"), "800b0100"}, {tampered, "80096010"}};
