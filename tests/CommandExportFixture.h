@@ -45,11 +45,7 @@ class CommandExportTest : public AgentControlTest {
     static Lines Host(const Lines& calls) {
         ProcessResult run = RunHostScript(calls);
         EXPECT_FALSE(run.timedOut);
-        Lines results;
-        for (const std::string& line : SplitLines(run.output))
-            if (line.rfind("zephExt_On", 0) == 0)
-                results.push_back(line);
-        return results;
+        return Starting(SplitLines(run.output), "zephExt_On");
     }
     static std::string Result(const char* exportName, uint32_t result) {
         return std::string(exportName) + " -> " + std::to_string(result);

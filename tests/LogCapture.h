@@ -58,6 +58,15 @@ using Lines = std::vector<std::string>;
 // What the plug-in puts before each text it logs inside zephhost.exe.
 inline const std::string P = "[zephExt_TarnClient][zephhost.exe]";
 
+// Lines that start with `prefix`, in order.
+inline Lines Starting(const Lines& lines, const std::string& prefix) {
+    Lines found;
+    for (const std::string& line : lines)
+        if (line.rfind(prefix, 0) == 0)
+            found.push_back(line);
+    return found;
+}
+
 // The lines as one text, each ended by a line break: what compact tables hold.
 inline std::string Text(const Lines& lines) {
     std::string text;

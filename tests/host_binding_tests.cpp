@@ -33,11 +33,8 @@ class HostBindingTest : public LogCaptureTest {
         RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kMiscKey, KEY_WOW64_32KEY, 0);
     }
 
-    static int JournalCount(const std::string& prefix) {
-        int count = 0;
-        for (const std::string& line : SimulatedInstall::HostJournal())
-            count += line.rfind(prefix, 0) == 0 ? 1 : 0;
-        return count;
+    static size_t JournalCount(const std::string& prefix) {
+        return Starting(SimulatedInstall::HostJournal(), prefix).size();
     }
 };
 
@@ -89,7 +86,7 @@ TEST_F(HostBindingTest, TheAlternateLibraryServesOnlyWhenShimValidationIsOne) {
     for (const std::string& line : MakerCheckPassed("", kAlternateLibrary, false))
         expected.push_back(line);
     EXPECT_EQ(Logged(), expected);
-    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
+    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1u);
 }
 
 TEST_F(HostBindingTest, RefusedLoaderIsReportedAtEveryCallButCheckedOnce) {
@@ -103,7 +100,7 @@ TEST_F(HostBindingTest, RefusedLoaderIsReportedAtEveryCallButCheckedOnce) {
     expected.push_back("E IsValidLoader - Invalid loader.");
     expected.push_back("E IsValidLoader - Invalid loader.");
     EXPECT_EQ(Logged(), expected);
-    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1);
+    EXPECT_EQ(JournalCount("VerifyLoaderProcessSign "), 1u);
 }
 
 TEST_F(HostBindingTest, AdapterLoadAnswersItsCodes) {

@@ -51,15 +51,6 @@ std::string Shown(const void* pointer) {
     return text;
 }
 
-// Lines that start with `prefix`, in order.
-Lines Starting(const Lines& lines, const std::string& prefix) {
-    Lines found;
-    for (const std::string& line : lines)
-        if (line.rfind(prefix, 0) == 0)
-            found.push_back(line);
-    return found;
-}
-
 class SignatureTest : public LogCaptureTest {
   protected:
     void SetUp() override {

@@ -145,10 +145,11 @@ bool Install(const Behaviour& behaviour) {
 }
 
 bool Run(const Behaviour& behaviour, DWORD until) {
-    if (State() == 0) {
+    const DWORD state = State();
+    if (state == 0) {
         if (!Install(behaviour))
             return false;
-    } else if (State() != SERVICE_STOPPED && !Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED)) {
+    } else if (state != SERVICE_STOPPED && !Control(SERVICE_CONTROL_STOP, SERVICE_STOPPED)) {
         return false;
     }
     return SetBehaviour(behaviour) && Start(until);
