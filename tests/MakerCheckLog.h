@@ -59,7 +59,7 @@ inline Lines MakerCheckOfMissingFile(const std::string& prefix, const std::strin
 // What the host binding logs while the parent product's install path is
 // missing from its key.
 inline Lines UnboundLog(const std::string& prefix) {
-    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+    const std::string key = Narrow(SimulatedInstall::kProductKey);
     return {"E " + prefix + "utilRegKey::QueryValue - Can't read value of 'HKLM\\" + key +
                 "\\Application Path', err=2\n",
             "E " + prefix + "GetCRVLInstallPath - Cannot find value(Application Path) under key(" +

@@ -2,8 +2,6 @@
 // process per script.
 #include "CommandExportFixture.h"
 
-#include <fstream>
-
 namespace {
 
 const std::wstring kIniFile = std::wstring(AgentDouble::kClientFolder) + L"\\config\\tn_agent.ini";
@@ -104,7 +102,7 @@ TEST_F(CommandExportTest, UninstallSwitchesSelfProtectionOffOnlyForARunningAgent
     ASSERT_TRUE(AgentDouble::Install());
     // A read-only file goes with the folder, as the platform's own removal does it.
     const std::wstring locked = std::wstring(AgentDouble::kClientFolder) + L"\\locked.dat";
-    std::ofstream(locked.c_str()) << "read-only";
+    ASSERT_TRUE(WriteFileBytes(locked, "read-only"));
     ASSERT_TRUE(SetFileAttributesW(locked.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_EQ(Host({Uninstall()}), Lines{CommandResult(0)});
     EXPECT_TRUE(AgentDouble::ReceivedFrames().empty());
@@ -184,7 +182,7 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
     // Opted in to the cloud console's policy: nothing is sent, its copy goes.
     QvsockDouble::ClearJournal();
     std::wstring policyFile = std::wstring(SimulatedInstall::kFolder) + L"policy.dat";
-    std::ofstream(Narrow(policyFile)) << "policy";
+    ASSERT_TRUE(WriteFileBytes(policyFile, "policy"));
     ASSERT_TRUE(TestBedRegistry::WriteDword(
         (std::wstring(kProductKey) + L"\\LumenfieldPolicy").c_str(), L"LFPolicyOptIn", 1));
     ASSERT_TRUE(TestBedRegistry::WriteText(
@@ -192,7 +190,7 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
         policyFile));
     EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(0)});
     EXPECT_TRUE(QvsockDouble::Journal().empty());
-    EXPECT_EQ(GetFileAttributesW(policyFile.c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_FALSE(PathExists(policyFile));
     std::wstring policyData = L"unread";
     TestBedRegistry::ReadText((std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN").c_str(),
                               L"PolicyData", policyData);

@@ -9,8 +9,7 @@
 namespace {
 
 using SimulatedInstall::kProductKey;
-const std::string kShownProductKey =
-    "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+const std::string kShownProductKey = "HKEY_LOCAL_MACHINE\\" + Narrow(kProductKey);
 const wchar_t kMiscKey[] = L"SOFTWARE\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\Misc.";
 const std::string kPrimaryLibrary =
     Narrow(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll");

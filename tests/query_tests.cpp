@@ -7,8 +7,6 @@
 #include "Queries.h"
 #include "UtilClientInfo.h"
 
-#include <fstream>
-
 namespace {
 
 const std::string kClientFolder = "C:\\\\ZephTestBed\\\\iService\\\\Tarn"; // as JSON text
@@ -112,11 +110,12 @@ TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
     CreateDirectoryW(config.c_str(), nullptr);
     const std::pair<const char*, char> cases[] = {
         {nullptr, '0'},
-        {"[Other]\nEnabled=1\n", '0'},
-        {"[Other]\nEnabled=1\n[Policy]\nEnabled=1\n", '1'}};
+        {"[Other]\r\nEnabled=1\r\n", '0'},
+        {"[Other]\r\nEnabled=1\r\n[Policy]\r\nEnabled=1\r\n", '1'}};
     for (const auto& [ini, enabled] : cases) {
-        if (ini)
-            std::ofstream(Narrow(config + L"\\tn_agent.ini")) << ini;
+        if (ini) {
+            ASSERT_TRUE(WriteFileBytes(config + L"\\tn_agent.ini", ini));
+        }
         EXPECT_EQ(Run(getCommonSettings),
                   R"({"type":"ZEPH_QUERY_RESULT_TYPE_DATA","content":{"enable":)" +
                       std::string(1, enabled) + "}}");
