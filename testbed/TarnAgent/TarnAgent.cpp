@@ -24,6 +24,11 @@ constexpr DWORD kDeleteStopWaitMs = 10000;
 // A pending phase advances its check point this often, so a client that waits
 // while the service makes progress sees the phase through.
 constexpr DWORD kProgressStepMs = 500;
+// A client that waits out a pending state gives up once its wait hint passes
+// without a new check point. Like a real service, the double never reports a
+// pending state with a hint of 0, and its hint leaves a loaded machine room
+// between two reports; only a stuck stop reports the hint it was given.
+constexpr DWORD kMinWaitHintMs = 10000;
 constexpr DWORD kStopCommandGraceMs = 500;
 constexpr wchar_t kDisplayName[] = L"Tarn Agent (test bed double)";
 
@@ -134,20 +139,27 @@ void Report(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0, DWORD exitCod
     SetServiceStatus(g_service.statusHandle, &status);
 }
 
-// Reports `state` for durationMs (the wait hint), advancing the check point.
+DWORD WaitHint(DWORD durationMs) {
+    return std::max(durationMs, kMinWaitHintMs);
+}
+
+// Reports `state` for durationMs, advancing the check point.
 void Pending(DWORD state, DWORD durationMs) {
     DWORD checkPoint = 1;
     for (DWORD waited = 0; waited < durationMs; waited += kProgressStepMs) {
-        Report(state, checkPoint++, durationMs);
+        Report(state, checkPoint++, WaitHint(durationMs));
         Sleep(std::min(kProgressStepMs, durationMs - waited));
     }
-    Report(state, checkPoint, durationMs);
+    Report(state, checkPoint, WaitHint(durationMs));
 }
 
 // The first stop-pending report; a stuck stop never gets past it, so its check
-// point stays put and its wait hint is all a waiting client has to go by.
+// point stays put and its wait hint, exactly stopDelayMs, is all a waiting
+// client has to go by.
 void EnterStopPending() {
-    Report(SERVICE_STOP_PENDING, 1, g_service.behaviour.stopDelayMs);
+    const ServiceBehaviour& behaviour = g_service.behaviour;
+    Report(SERVICE_STOP_PENDING, 1,
+           behaviour.stuckStopPending ? behaviour.stopDelayMs : WaitHint(behaviour.stopDelayMs));
 }
 
 [[noreturn]] void StayStopPending() {
@@ -208,6 +220,10 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
         RegisterServiceCtrlHandlerExW(kAgentServiceName, ControlHandler, nullptr);
     if (!g_service.statusHandle)
         return;
+    // Until this first report Wine's Service Control Manager shows other
+    // processes its own START_PENDING, with no wait hint; StartServiceW returns
+    // to its caller only once the report is in.
+    Report(SERVICE_START_PENDING, 1, WaitHint(g_service.behaviour.startDelayMs));
     Journal("service start");
     Pending(SERVICE_START_PENDING, g_service.behaviour.startDelayMs);
     if (g_service.behaviour.startExitCode != 0) { // a start that fails
