@@ -10,9 +10,7 @@
 #include "TestBed.h"
 #include "zephExt_TarnClient.h"
 
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "Json.h"
 #include <windows.h>
 
 #include <atomic>
@@ -122,7 +120,7 @@ struct Query {
     const char* request;
     void (*systemCalls)();
     std::string response; // as the plug-in answered it
-    rapidjson::Document responseDocument;
+    JsonDocument responseDocument;
     long logRecords = 0; // per call
     bench::Measure plugin, floor, floorWithLog;
 };
@@ -229,11 +227,11 @@ int main() {
             if (pipe != INVALID_HANDLE_VALUE)
                 CloseHandle(pipe);
         }
-        rapidjson::Document request;
+        JsonDocument request;
         request.Parse(query.request, strlen(query.request));
         query.systemCalls();
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        JsonBuffer buffer;
+        JsonWriter writer(buffer);
         query.responseDocument.Accept(writer);
         char* response = static_cast<char*>(std::malloc(buffer.GetSize() + 1));
         memcpy(response, buffer.GetString(), buffer.GetSize() + 1);

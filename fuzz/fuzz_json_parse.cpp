@@ -4,7 +4,7 @@
 #include "JsonRequest.h"
 #include "JsonText.h"
 
-#include <rapidjson/document.h>
+#include "Json.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     JsonRequest ours;
     bool parsed = ours.Parse(static_cast<int32_t>(size), text);
-    rapidjson::Document theirs;
+    JsonDocument theirs;
     theirs.Parse(size ? text : "", size);
     if (parsed == theirs.HasParseError())
         Disagree("success", parsed, !theirs.HasParseError());

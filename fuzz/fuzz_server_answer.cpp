@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ServerAnswer verdict = CheckServerAnswer(answer.Document());
     // Success only for the exact shape the server uses.
     if (verdict == ServerAnswer::Success) {
-        const rapidjson::Value* value = FindMember(answer.Document(), "value");
+        const JsonValue* value = FindMember(answer.Document(), "value");
         if (!value || !value->IsInt() || value->GetInt() != 0 ||
             !IsStringEqual(FindMember(answer.Document(), "name"), "errorCode"))
             std::abort();

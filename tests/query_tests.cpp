@@ -17,9 +17,9 @@ const wchar_t kImageOptions[] =
 class QueryTest : public AgentControlTest {
   protected:
     // Runs one query; answers its result object as compact JSON.
-    static std::string Run(uint32_t (*query)(rapidjson::Value&, JsonAllocator&),
+    static std::string Run(uint32_t (*query)(JsonValue&, JsonAllocator&),
                            uint32_t expectedCode = 0) {
-        rapidjson::Document result(rapidjson::kObjectType);
+        JsonDocument result(rapidjson::kObjectType);
         EXPECT_EQ(query(result, result.GetAllocator()), expectedCode);
         return CompactJson(result);
     }

@@ -14,7 +14,7 @@ struct Verdict {
 
 class ValidationTest : public LogCaptureTest {
   protected:
-    void Check(bool (*validator)(const rapidjson::Value&), const std::vector<Verdict>& verdicts) {
+    void Check(bool (*validator)(const JsonValue&), const std::vector<Verdict>& verdicts) {
         for (const Verdict& verdict : verdicts) {
             const bool valid = verdict.logged && !*verdict.logged;
             for (const std::string& text : verdict.requests) {
@@ -179,7 +179,7 @@ TEST(JsonRequestTest, ParsesTheGivenBytesAndFailsAsTheDefaultParserAtAnyDepth) {
     }
     // A deep text that is whole parses too.
     std::string deep = std::string(100000, '[') + std::string(100000, ']');
-    rapidjson::Document document;
+    JsonDocument document;
     EXPECT_FALSE(ParseJson(document, deep.data(), deep.size()).IsError());
     EXPECT_TRUE(document.IsArray());
 }

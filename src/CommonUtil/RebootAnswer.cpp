@@ -3,21 +3,21 @@
 #include "DebugLog.h"
 #include "JsonText.h"
 
-#include <rapidjson/document.h>
+#include "Json.h"
 
 #include <string>
 
 RebootAnswer CheckRebootAnswer(const char* response, uint32_t responseSize) {
     std::string text = response ? std::string(response, responseSize) : std::string();
     LOGA(LOG_DETAIL, "%s - Response: %s", "RequestReboot", text.c_str());
-    rapidjson::Document document;
+    JsonDocument document;
     rapidjson::ParseResult parsed = ParseJson(document, text.data(), text.size());
     if (parsed.IsError()) {
         LOGA(LOG_ERROR, "%s - Unable to parse response, rapidjosn parsing error: %d\n",
              "RequestReboot", static_cast<int>(parsed.Code()));
         return RebootAnswer::NotJson;
     }
-    const rapidjson::Value* error = nullptr;
+    const JsonValue* error = nullptr;
     if (document.IsObject()) {
         auto result = document.FindMember("system_call_result");
         if (result != document.MemberEnd() && result->value.IsObject()) {

@@ -7,9 +7,7 @@
 #include "ResolveProc.h"
 #include "UtilRegistry.h"
 
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "Json.h"
 #include <shlwapi.h>
 
 #include <cstdlib>
@@ -90,8 +88,8 @@ std::wstring JoinPath(const wchar_t* folder, const wchar_t* fileName) {
 }
 
 std::string RebootRequestText() {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    JsonBuffer buffer;
+    JsonWriter writer(buffer);
     writer.StartObject();
     writer.Key("system_call_id");
     writer.String("ZEPH_SYSCALL_SET_SYS_RESTART");

@@ -1,9 +1,7 @@
 #pragma once
 // One parse for every JSON text that comes from outside the process, and the
 // compact form of a value.
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "Json.h"
 
 #include <cstddef>
 #include <string>
@@ -13,8 +11,7 @@
 // error code and offset, or success with the same document. The parse itself
 // is iterative, so nesting as deep as the text is long cannot overflow the
 // stack of the host.
-inline rapidjson::ParseResult ParseJson(rapidjson::Document& document, const char* text,
-                                        size_t length) {
+inline rapidjson::ParseResult ParseJson(JsonDocument& document, const char* text, size_t length) {
     static const char kEmpty[] = "";
     if (!text)
         length = 0;
@@ -31,9 +28,9 @@ inline rapidjson::ParseResult ParseJson(rapidjson::Document& document, const cha
 }
 
 // `value` written out without spaces, members in their order.
-inline std::string CompactJson(const rapidjson::Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+inline std::string CompactJson(const JsonValue& value) {
+    JsonBuffer buffer;
+    JsonWriter writer(buffer);
     value.Accept(writer);
     return std::string(buffer.GetString(), buffer.GetSize());
 }

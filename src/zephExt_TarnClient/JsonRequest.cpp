@@ -22,22 +22,22 @@ std::string RequestText(int32_t length, const char* text) {
     return std::string(text, static_cast<size_t>(length));
 }
 
-const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
+const JsonValue* FindMember(const JsonValue& object, const char* name) {
     if (!object.IsObject())
         return nullptr;
     auto member = object.FindMember(name);
     return member == object.MemberEnd() ? nullptr : &member->value;
 }
 
-bool IsStringEqual(const rapidjson::Value* value, const char* expected) {
+bool IsStringEqual(const JsonValue* value, const char* expected) {
     if (!value || !value->IsString())
         return false;
     size_t length = strlen(expected);
     return value->GetStringLength() == length && memcmp(value->GetString(), expected, length) == 0;
 }
 
-std::string StringMember(const rapidjson::Value& object, const char* name) {
-    const rapidjson::Value* member = FindMember(object, name);
+std::string StringMember(const JsonValue& object, const char* name) {
+    const JsonValue* member = FindMember(object, name);
     if (!member || !member->IsString())
         return std::string();
     return std::string(member->GetString(), member->GetStringLength());

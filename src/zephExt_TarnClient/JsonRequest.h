@@ -1,7 +1,7 @@
 #pragma once
 // Parsing of the host's JSON requests, and member lookups that never trip
 // RapidJSON's assertions on a missing member or a wrong type.
-#include <rapidjson/document.h>
+#include "Json.h"
 
 #include <cstdint>
 #include <string>
@@ -16,11 +16,11 @@ class JsonRequest {
     bool Parse(int32_t length, const char* text);
     int ParseErrorCode() const { return static_cast<int>(m_result.Code()); }
     size_t ParseErrorOffset() const { return m_result.Offset(); }
-    const rapidjson::Document& Document() const { return m_document; }
+    const JsonDocument& Document() const { return m_document; }
 
   private:
-    rapidjson::MemoryPoolAllocator<> m_pool;
-    rapidjson::Document m_document;
+    JsonPool m_pool;
+    JsonDocument m_document;
     rapidjson::ParseResult m_result;
 };
 
@@ -29,8 +29,8 @@ class JsonRequest {
 std::string RequestText(int32_t length, const char* text);
 
 // Null when `object` is not an object or has no member `name`.
-const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name);
+const JsonValue* FindMember(const JsonValue& object, const char* name);
 // True when `value` is a string equal to `expected` (embedded NULs count).
-bool IsStringEqual(const rapidjson::Value* value, const char* expected);
+bool IsStringEqual(const JsonValue* value, const char* expected);
 // The text of a string member; empty when it is missing or not a string.
-std::string StringMember(const rapidjson::Value& object, const char* name);
+std::string StringMember(const JsonValue& object, const char* name);

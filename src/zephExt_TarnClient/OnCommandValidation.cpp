@@ -12,11 +12,11 @@ bool Reject(const char* validator, const char* format) {
 
 } // namespace
 
-bool IsValidOnCommandRequest(const rapidjson::Value& request) {
+bool IsValidOnCommandRequest(const JsonValue& request) {
     const char* self = "IsValidOnCommandRequest";
     if (!request.IsObject() || request.MemberCount() != 3)
         return Reject(self, "%s - Invalid request member count.");
-    const rapidjson::Value* commandId = FindMember(request, "command_id");
+    const JsonValue* commandId = FindMember(request, "command_id");
     bool isService = IsStringEqual(commandId, ZEPH_ONCOMMAND_IAGT_SERVICE);
     bool isInstallation = IsStringEqual(commandId, ZEPH_ONCOMMAND_INSTALLATION);
     bool isPolicy = IsStringEqual(commandId, ZEPH_ONCOMMAND_IAGENT_POLICY);
@@ -24,7 +24,7 @@ bool IsValidOnCommandRequest(const rapidjson::Value& request) {
         return Reject(self, "%s - Invalid command id.");
     if (!IsStringEqual(FindMember(request, "product_id"), ZEPH_PRODUCT_ID))
         return Reject(self, "%s - Invalid product id.");
-    const rapidjson::Value* commandData = FindMember(request, "command_data");
+    const JsonValue* commandData = FindMember(request, "command_data");
     if (!commandData || commandData->IsNull())
         return Reject(self, "%s - Invalid command format.");
     if (isService)
@@ -34,9 +34,9 @@ bool IsValidOnCommandRequest(const rapidjson::Value& request) {
     return isValidIssuePolicyRequest(*commandData);
 }
 
-bool isValidServiceRequest(const rapidjson::Value& commandData) {
+bool isValidServiceRequest(const JsonValue& commandData) {
     const char* self = "isValidServiceRequest";
-    const rapidjson::Value* type = FindMember(commandData, "command_type");
+    const JsonValue* type = FindMember(commandData, "command_type");
     if (!type || commandData.MemberCount() != 1)
         return Reject(self, "%s - Invalid command data.");
     if (!IsStringEqual(type, ZEPH_TYPE_IAGT_START) && !IsStringEqual(type, ZEPH_TYPE_IAGT_STOP))
@@ -44,17 +44,17 @@ bool isValidServiceRequest(const rapidjson::Value& commandData) {
     return true;
 }
 
-bool isValidInstallRequest(const rapidjson::Value& commandData) {
+bool isValidInstallRequest(const JsonValue& commandData) {
     const char* self = "isValidInstallRequest";
     // The member count of the installation data is deliberately not checked.
-    const rapidjson::Value* type = FindMember(commandData, "command_type");
+    const JsonValue* type = FindMember(commandData, "command_type");
     if (!type)
         return Reject(self, "%s - Invalid command data.");
     if (IsStringEqual(type, ZEPH_IAGENT_UNINSTALL))
         return true;
     if (!IsStringEqual(type, ZEPH_IAGENT_INSTALL))
         return Reject(self, "%s - Invalid command type.");
-    const rapidjson::Value* packagePath = FindMember(commandData, "PkgPath");
+    const JsonValue* packagePath = FindMember(commandData, "PkgPath");
     if (!packagePath)
         return Reject(self, "%s - Invalid command data. Missing package path.");
     if (packagePath->IsNull() || IsStringEqual(packagePath, ""))
@@ -62,9 +62,9 @@ bool isValidInstallRequest(const rapidjson::Value& commandData) {
     return true;
 }
 
-bool isValidIssuePolicyRequest(const rapidjson::Value& commandData) {
+bool isValidIssuePolicyRequest(const JsonValue& commandData) {
     const char* self = "isValidIssuePolicyRequest";
-    const rapidjson::Value* type = FindMember(commandData, "command_type");
+    const JsonValue* type = FindMember(commandData, "command_type");
     if (!type)
         return Reject(self, "%s - Invalid command data.");
     if (!IsStringEqual(type, ZEPH_IAGENT_ISSUE_POLICY))

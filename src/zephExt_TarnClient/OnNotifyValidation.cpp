@@ -12,18 +12,18 @@ bool Reject(const wchar_t* validator, const wchar_t* format) {
 
 } // namespace
 
-bool IsValidOnNotifyRequest(const rapidjson::Value& request) {
+bool IsValidOnNotifyRequest(const JsonValue& request) {
     const wchar_t* self = L"IsValidOnNotifyRequest";
     if (!request.IsObject() || request.MemberCount() != 3)
         return Reject(self, L"%s - Invalid request member count.");
-    const rapidjson::Value* notifyId = FindMember(request, "notify_id");
+    const JsonValue* notifyId = FindMember(request, "notify_id");
     bool isAdminConfigChange = IsStringEqual(notifyId, ZEPH_ONNOTIFY_ADMIN_CFG_CHANGE);
     bool isContextChange = IsStringEqual(notifyId, ZEPH_ONNOTIFY_CONTEXT_CHANGE);
     if (!isAdminConfigChange && !isContextChange)
         return Reject(self, L"%s - Invalid notify id.");
     if (!IsStringEqual(FindMember(request, "product_id"), ZEPH_PRODUCT_ID))
         return Reject(self, L"%s - Invalid product id.");
-    const rapidjson::Value* notifyData = FindMember(request, "notify_data");
+    const JsonValue* notifyData = FindMember(request, "notify_data");
     if (!notifyData || notifyData->IsNull())
         return Reject(self, L"%s - Invalid notify format.");
     if (isAdminConfigChange)
@@ -32,18 +32,18 @@ bool IsValidOnNotifyRequest(const rapidjson::Value& request) {
     return IsStringEqual(FindMember(*notifyData, "notify_type"), ZEPH_TYPE_SERVER_INFO);
 }
 
-bool isValidAdminConfigChangeNotifyData(const rapidjson::Value& notifyData) {
-    const rapidjson::Value* type = FindMember(notifyData, "notify_type");
-    const rapidjson::Value* content = FindMember(notifyData, "notify_content");
+bool isValidAdminConfigChangeNotifyData(const JsonValue& notifyData) {
+    const JsonValue* type = FindMember(notifyData, "notify_type");
+    const JsonValue* content = FindMember(notifyData, "notify_content");
     if (!type || !content || !IsStringEqual(type, ZEPH_TYPE_SELF_PROTECTION))
         return Reject(L"isValidAdminConfigChangeNotifyData", L"%s - Invalid notify data.");
     return isValidSelfProtectionNotifyContent(*content);
 }
 
-bool isValidSelfProtectionNotifyContent(const rapidjson::Value& notifyContent) {
+bool isValidSelfProtectionNotifyContent(const JsonValue& notifyContent) {
     const wchar_t* self = L"isValidSelfProtectionNotifyContent";
-    const rapidjson::Value* enable = FindMember(notifyContent, "enable");
-    const rapidjson::Value* service = enable ? FindMember(*enable, "service") : nullptr;
+    const JsonValue* enable = FindMember(notifyContent, "enable");
+    const JsonValue* service = enable ? FindMember(*enable, "service") : nullptr;
     if (!service)
         return Reject(self, L"%s - Invalid notify content.");
     if (!service->IsInt() || (service->GetInt() != 0 && service->GetInt() != 1))

@@ -12,10 +12,10 @@ bool Reject(const char* format) {
 
 } // namespace
 
-bool IsValidOnQueryRequest(const rapidjson::Value& request) {
+bool IsValidOnQueryRequest(const JsonValue& request) {
     if (!request.IsObject() || request.MemberCount() < 3)
         return Reject("%s - Invalid request format.");
-    const rapidjson::Value* queryId = FindMember(request, "query_id");
+    const JsonValue* queryId = FindMember(request, "query_id");
     bool isClientStatus = IsStringEqual(queryId, ZEPH_ONQUERY_CLIENT_STATUS_LOG);
     if (!isClientStatus && !IsStringEqual(queryId, ZEPH_ONQUERY_COMMON_SETTINGS) &&
         !IsStringEqual(queryId, ZEPH_ONQUERY_SERVICE_STATUS) &&
@@ -23,7 +23,7 @@ bool IsValidOnQueryRequest(const rapidjson::Value& request) {
         return Reject("%s - Invalid query id.");
     if (!IsStringEqual(FindMember(request, "product_id"), ZEPH_PRODUCT_ID))
         return Reject("%s - Invalid product id.");
-    const rapidjson::Value* queryData = FindMember(request, "query_data");
+    const JsonValue* queryData = FindMember(request, "query_data");
     if (!queryData)
         return Reject("%s - Invalid query_data.");
     // The client-status query takes exactly {"query_type":"ZEPH_CLIENT_ALL_STATUS_LOG"};

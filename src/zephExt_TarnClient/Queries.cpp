@@ -15,13 +15,13 @@ namespace {
 const wchar_t kImageOptionsKey[] =
     L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 
-void SetQueryResult(rapidjson::Value& result, rapidjson::Value& content, JsonAllocator& allocator) {
+void SetQueryResult(JsonValue& result, JsonValue& content, JsonAllocator& allocator) {
     result.AddMember("type", ZEPH_QUERY_RESULT_TYPE_DATA, allocator);
     result.AddMember("content", content, allocator);
 }
 
-rapidjson::Value CopiedString(const std::string& text, JsonAllocator& allocator) {
-    return rapidjson::Value(text.c_str(), static_cast<rapidjson::SizeType>(text.size()), allocator);
+JsonValue CopiedString(const std::string& text, JsonAllocator& allocator) {
+    return JsonValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size()), allocator);
 }
 
 std::string ToUtf8(const std::wstring& text) {
@@ -35,9 +35,8 @@ std::string ToUtf8(const std::wstring& text) {
     return utf8;
 }
 
-rapidjson::Value StringArray(std::initializer_list<std::string> elements,
-                             JsonAllocator& allocator) {
-    rapidjson::Value array(rapidjson::kArrayType);
+JsonValue StringArray(std::initializer_list<std::string> elements, JsonAllocator& allocator) {
+    JsonValue array(rapidjson::kArrayType);
     for (const std::string& element : elements)
         array.PushBack(CopiedString(element, allocator), allocator);
     return array;
@@ -114,8 +113,8 @@ void hasImageOptionsRegistryCreated() {
 
 } // namespace
 
-uint32_t getClientStatusData(rapidjson::Value& result, JsonAllocator& allocator) {
-    rapidjson::Value info(rapidjson::kObjectType);
+uint32_t getClientStatusData(JsonValue& result, JsonAllocator& allocator) {
+    JsonValue info(rapidjson::kObjectType);
     info.AddMember("SLF_LastCompliantState", "0", allocator);
     info.AddMember("SLF_PluginServiceID", 747, allocator);
     info.AddMember("SLF_PropertyID", 12, allocator);
@@ -131,28 +130,28 @@ uint32_t getClientStatusData(rapidjson::Value& result, JsonAllocator& allocator)
     info.AddMember("SLF_Version", CopiedString(version, allocator), allocator);
     info.AddMember("Display_Version", CopiedString(display, allocator), allocator);
 
-    rapidjson::Value content(rapidjson::kObjectType);
-    content.AddMember("EngineInfo", rapidjson::Value(rapidjson::kArrayType), allocator);
-    content.AddMember("PatternInfo", rapidjson::Value(rapidjson::kArrayType), allocator);
+    JsonValue content(rapidjson::kObjectType);
+    content.AddMember("EngineInfo", JsonValue(rapidjson::kArrayType), allocator);
+    content.AddMember("PatternInfo", JsonValue(rapidjson::kArrayType), allocator);
     content.AddMember("PluginServiceInfo", info, allocator);
     SetQueryResult(result, content, allocator);
     return RESULT_SUCCESS;
 }
 
-uint32_t getCommonSettings(rapidjson::Value& result, JsonAllocator& allocator) {
+uint32_t getCommonSettings(JsonValue& result, JsonAllocator& allocator) {
     std::wstring clientPath;
     if (!ClientPathFor("getCommonSettings", clientPath))
         return RESULT_FAILED;
     std::wstring settingsFile = clientPath + L"\\" + L"config" + L"\\" + L"tn_agent.ini";
     int enabled =
         static_cast<int>(GetPrivateProfileIntW(L"Policy", L"Enabled", 0, settingsFile.c_str()));
-    rapidjson::Value content(rapidjson::kObjectType);
+    JsonValue content(rapidjson::kObjectType);
     content.AddMember("enable", enabled, allocator);
     SetQueryResult(result, content, allocator);
     return RESULT_SUCCESS;
 }
 
-uint32_t getServiceStatus(rapidjson::Value& result, JsonAllocator& allocator) {
+uint32_t getServiceStatus(JsonValue& result, JsonAllocator& allocator) {
     uint32_t state = 0;
     int statusCode = 4;
     if (!GetClientServiceStatus(state))
@@ -160,14 +159,14 @@ uint32_t getServiceStatus(rapidjson::Value& result, JsonAllocator& allocator) {
              "getServiceStatus");
     else
         statusCode = ServiceStatusCode(state);
-    rapidjson::Value content(rapidjson::kObjectType);
+    JsonValue content(rapidjson::kObjectType);
     content.AddMember("status_code", statusCode, allocator);
     content.AddMember("status_mode", 0, allocator);
     SetQueryResult(result, content, allocator);
     return RESULT_SUCCESS;
 }
 
-uint32_t getSelfProtectionData(rapidjson::Value& result, JsonAllocator& allocator) {
+uint32_t getSelfProtectionData(JsonValue& result, JsonAllocator& allocator) {
     std::wstring clientPath;
     if (!ClientPathFor("getSelfProtectionData", clientPath))
         return RESULT_FAILED;
@@ -175,7 +174,7 @@ uint32_t getSelfProtectionData(rapidjson::Value& result, JsonAllocator& allocato
     std::string agent = ToUtf8(ClientFile(clientPath, L"TarnAgent.exe"));
     std::string secondAgent = ToUtf8(ClientFile(clientPath, L"hdc.exe"));
 
-    rapidjson::Value content(rapidjson::kObjectType);
+    JsonValue content(rapidjson::kObjectType);
     content.AddMember("folder_path", StringArray({folder}, allocator), allocator);
     hasImageOptionsRegistryCreated();
     const std::string services = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\";

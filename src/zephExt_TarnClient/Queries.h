@@ -1,13 +1,13 @@
 #pragma once
 // The four status queries. Each fills `result` with {"type":..,"content":{..}}
 // (built with `allocator`) and returns the query's result code.
-#include <rapidjson/document.h>
+#include "Json.h"
 
 #include <cstdint>
 
-using JsonAllocator = rapidjson::Document::AllocatorType;
+using JsonAllocator = JsonDocument::AllocatorType;
 
-uint32_t getClientStatusData(rapidjson::Value& result, JsonAllocator& allocator);
-uint32_t getCommonSettings(rapidjson::Value& result, JsonAllocator& allocator);
-uint32_t getServiceStatus(rapidjson::Value& result, JsonAllocator& allocator);
-uint32_t getSelfProtectionData(rapidjson::Value& result, JsonAllocator& allocator);
+uint32_t getClientStatusData(JsonValue& result, JsonAllocator& allocator);
+uint32_t getCommonSettings(JsonValue& result, JsonAllocator& allocator);
+uint32_t getServiceStatus(JsonValue& result, JsonAllocator& allocator);
+uint32_t getSelfProtectionData(JsonValue& result, JsonAllocator& allocator);

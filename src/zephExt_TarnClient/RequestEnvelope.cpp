@@ -1,13 +1,16 @@
 #include "RequestEnvelope.h"
 
 #include "DebugLog.h"
+#include "ExportBoundary.h"
 #include "JsonRequest.h"
 #include "ResultCodes.h"
 #include "ZephIntegration.h"
 
 #include <exception>
 
-uint32_t RunRequest(const RequestKind& kind, int32_t length, const char* request) {
+namespace {
+
+uint32_t Run(const RequestKind& kind, int32_t length, const char* request) {
     LOGA(LOG_INFO, "%s - >>> %s", kind.exportName, kind.exportName);
     if (!IsValidLoader())
         return RESULT_NO_HOST;
@@ -32,4 +35,10 @@ uint32_t RunRequest(const RequestKind& kind, int32_t length, const char* request
     }
     LOGA(LOG_INFO, "%s - <<< %s", kind.exportName, kind.exportName);
     return result;
+}
+
+} // namespace
+
+uint32_t RunRequest(const RequestKind& kind, int32_t length, const char* request) {
+    return Shielded(kind.exportName, RESULT_FAILED, [&] { return Run(kind, length, request); });
 }

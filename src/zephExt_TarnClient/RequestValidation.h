@@ -1,15 +1,15 @@
 #pragma once
 // Schema checks of the three kinds of host request. Each answers true or
 // false and, on false, logs one error naming itself.
-#include <rapidjson/document.h>
+#include "Json.h"
 
-bool IsValidOnCommandRequest(const rapidjson::Value& request);
-bool isValidServiceRequest(const rapidjson::Value& commandData);
-bool isValidInstallRequest(const rapidjson::Value& commandData);
-bool isValidIssuePolicyRequest(const rapidjson::Value& commandData);
+bool IsValidOnCommandRequest(const JsonValue& request);
+bool isValidServiceRequest(const JsonValue& commandData);
+bool isValidInstallRequest(const JsonValue& commandData);
+bool isValidIssuePolicyRequest(const JsonValue& commandData);
 
-bool IsValidOnNotifyRequest(const rapidjson::Value& request);
-bool isValidAdminConfigChangeNotifyData(const rapidjson::Value& notifyData);
-bool isValidSelfProtectionNotifyContent(const rapidjson::Value& notifyContent);
+bool IsValidOnNotifyRequest(const JsonValue& request);
+bool isValidAdminConfigChangeNotifyData(const JsonValue& notifyData);
+bool isValidSelfProtectionNotifyContent(const JsonValue& notifyContent);
 
-bool IsValidOnQueryRequest(const rapidjson::Value& request);
+bool IsValidOnQueryRequest(const JsonValue& request);

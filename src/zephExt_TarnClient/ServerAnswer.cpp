@@ -3,9 +3,9 @@
 #include "DebugLog.h"
 #include "JsonRequest.h"
 
-ServerAnswer CheckServerAnswer(const rapidjson::Value& document) {
+ServerAnswer CheckServerAnswer(const JsonValue& document) {
     const char* self = "sendNotifyResultToServer";
-    const rapidjson::Value* value = FindMember(document, "value");
+    const JsonValue* value = FindMember(document, "value");
     if (!IsStringEqual(FindMember(document, "name"), "errorCode") || !value || !value->IsInt()) {
         LOGA(LOG_ERROR, "%s - Invalid response format.", self);
         return ServerAnswer::BadFormat;

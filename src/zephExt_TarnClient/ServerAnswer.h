@@ -1,7 +1,7 @@
 #pragma once
 // The management server's answer to a result notice, once parsed. Pure code
 // (RapidJSON and the log call only) so that a native fuzz target can drive it.
-#include <rapidjson/document.h>
+#include "Json.h"
 
 enum class ServerAnswer {
     Success,     // {"name":"errorCode","value":0}
@@ -10,4 +10,4 @@ enum class ServerAnswer {
 };
 
 // Judges the parsed answer and logs the verdict as the result notice does.
-ServerAnswer CheckServerAnswer(const rapidjson::Value& document);
+ServerAnswer CheckServerAnswer(const JsonValue& document);

@@ -9,8 +9,7 @@
 #include "ServerAnswer.h"
 #include "ZephIntegration.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "Json.h"
 
 #include <atomic>
 #include <cstdio>
@@ -262,14 +261,13 @@ bool loadFileToString(const char* path, std::string& content) {
     return true;
 }
 
-bool talkToTarnServer(const rapidjson::Value& request, JsonRequest& response,
-                      const char* commandText) {
+bool talkToTarnServer(const JsonValue& request, JsonRequest& response, const char* commandText) {
     const char* self = "talkToTarnServer";
     if (!g_sendHttpToServer && !ResolveSendFunction())
         return false;
 
-    rapidjson::StringBuffer body;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(body);
+    JsonBuffer body;
+    JsonWriter writer(body);
     request.Accept(writer);
     std::string command = std::string(kCommandPrefix) + (commandText ? commandText : "");
     std::string responseFile = std::string(kResponseFolder) + kResponseName;
@@ -301,8 +299,8 @@ bool talkToTarnServer(const rapidjson::Value& request, JsonRequest& response,
 
 bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* commandText) {
     const char* self = "sendNotifyResultToServer";
-    rapidjson::Document record(rapidjson::kObjectType);
-    rapidjson::Document::AllocatorType& allocator = record.GetAllocator();
+    JsonDocument record(rapidjson::kObjectType);
+    JsonDocument::AllocatorType& allocator = record.GetAllocator();
     record.AddMember("name", "NotifyResult", allocator);
     record.AddMember("notifyType", notifyType, allocator);
     record.AddMember("result", result, allocator);

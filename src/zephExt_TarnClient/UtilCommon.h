@@ -3,7 +3,7 @@
 // reporting outcomes to the management server.
 #include <windows.h>
 
-#include <rapidjson/document.h>
+#include "Json.h"
 
 #include <cstdint>
 #include <string>
@@ -30,7 +30,6 @@ bool sendNotifyResultToServer(int32_t notifyType, int32_t result, const char* co
 // Sends `request` to the management server through the parent product's HTTP
 // library with the command text "Tarn+" + `commandText`, then reads, deletes
 // and parses the answer file. True when `response` holds the parsed answer.
-bool talkToTarnServer(const rapidjson::Value& request, JsonRequest& response,
-                      const char* commandText);
+bool talkToTarnServer(const JsonValue& request, JsonRequest& response, const char* commandText);
 // The whole file, read as bytes; false when it cannot be opened or read whole.
 bool loadFileToString(const char* path, std::string& content);

@@ -58,7 +58,7 @@ bool RequestRebootFor(const wchar_t* self) {
     return false;
 }
 
-bool InstallAgent(const wchar_t* self, const rapidjson::Value& data) {
+bool InstallAgent(const wchar_t* self, const JsonValue& data) {
     LOGW(LOG_DETAIL, L"%s - Installing Tarn agent service...", self);
     // The package path is the folder; it is joined with the name as it stands.
     int32_t result = InstallTarn(StringMember(data, "PkgPath") + kPackageName);
@@ -110,10 +110,10 @@ bool UninstallAgent(const wchar_t* self) {
     return true;
 }
 
-bool IssuePolicy(const wchar_t* self, const rapidjson::Value& data) {
+bool IssuePolicy(const wchar_t* self, const JsonValue& data) {
     LOGW(LOG_DETAIL, L"%s - Handling notify.", self);
     // Validation lets any type through; only an integer is a flag.
-    const rapidjson::Value* member = FindMember(data, "cfg_flag");
+    const JsonValue* member = FindMember(data, "cfg_flag");
     int flag = member && member->IsInt() ? member->GetInt() : 0;
     if (!handleNotifyFlag(flag)) {
         LOGW(LOG_ERROR, L"%s - Unable to handle notify flag: %d", self, flag);
@@ -122,10 +122,10 @@ bool IssuePolicy(const wchar_t* self, const rapidjson::Value& data) {
     return true;
 }
 
-bool RunCommand(const rapidjson::Value& request, const rapidjson::Value& data) {
+bool RunCommand(const JsonValue& request, const JsonValue& data) {
     const wchar_t* self = L"HandleCommand";
-    const rapidjson::Value* id = FindMember(request, "command_id");
-    const rapidjson::Value* type = FindMember(data, "command_type");
+    const JsonValue* id = FindMember(request, "command_id");
+    const JsonValue* type = FindMember(data, "command_type");
     auto is = [&](const char* commandId, const char* commandType) {
         return IsStringEqual(id, commandId) && IsStringEqual(type, commandType);
     };
@@ -149,8 +149,8 @@ bool WriteServiceStatus(uint32_t status) {
     return key.SetValueWithCreate(L"ServiceStatus", &status);
 }
 
-uint32_t HandleCommand(const rapidjson::Value& request) {
-    const rapidjson::Value* data = FindMember(request, "command_data");
+uint32_t HandleCommand(const JsonValue& request) {
+    const JsonValue* data = FindMember(request, "command_data");
     return data && RunCommand(request, *data) ? RESULT_SUCCESS : RESULT_FAILED;
 }
 

@@ -17,14 +17,14 @@ namespace {
 constexpr int32_t kMoveClientNotifyType = 3;
 
 // The administrator's self-protection setting goes to the agent as it came.
-uint32_t ForwardSelfProtection(const wchar_t* self, const rapidjson::Value& data) {
+uint32_t ForwardSelfProtection(const wchar_t* self, const JsonValue& data) {
     static const AgentCallTexts texts = {
         L"%s - Trying send self protection status the %d time(s)...", L"%s - Unable to init pipe.",
         nullptr};
     LOGW(LOG_DETAIL, L"%s - Getting self protection status...", self);
-    const rapidjson::Value* content = FindMember(data, "notify_content");
-    const rapidjson::Value* enable = content ? FindMember(*content, "enable") : nullptr;
-    const rapidjson::Value* service = enable ? FindMember(*enable, "service") : nullptr;
+    const JsonValue* content = FindMember(data, "notify_content");
+    const JsonValue* enable = content ? FindMember(*content, "enable") : nullptr;
+    const JsonValue* service = enable ? FindMember(*enable, "service") : nullptr;
     if (!enable || !service || !service->IsInt()) // validation has made sure of them
         return RESULT_FAILED;
     LOGW(LOG_DETAIL, L"%s - Self protection status, service: %d", self, service->GetInt());
@@ -51,9 +51,9 @@ uint32_t ReportMoveClient(const wchar_t* self, const std::string& notifyId) {
 
 } // namespace
 
-uint32_t HandleNotify(const rapidjson::Value& request) {
+uint32_t HandleNotify(const JsonValue& request) {
     const wchar_t* self = L"HandleNotify";
-    const rapidjson::Value* data = FindMember(request, "notify_data");
+    const JsonValue* data = FindMember(request, "notify_data");
     if (!data)
         return RESULT_SUCCESS;
     std::string notifyId = StringMember(request, "notify_id");

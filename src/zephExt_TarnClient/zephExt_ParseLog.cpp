@@ -1,6 +1,7 @@
 #include "zephExt_TarnClient.h"
 
 #include "DebugLog.h"
+#include "ExportBoundary.h"
 #include "ResultCodes.h"
 #include "ZephIntegration.h"
 #include "eventLogValidation.h"
@@ -35,10 +36,8 @@ void CopyTruncated(wchar_t* buffer, uint32_t capacity, const wchar_t* text) {
     buffer[length] = L'\0';
 }
 
-} // namespace
-
-extern "C" uint32_t zephExt_ParseLog(const wchar_t* logFilePath, uint32_t typeBufferSize,
-                                     wchar_t* typeBuffer, char** data, uint32_t* dataSize) {
+uint32_t ParseLog(const wchar_t* logFilePath, uint32_t typeBufferSize, wchar_t* typeBuffer,
+                  char** data, uint32_t* dataSize) {
     if (!IsValidLoader())
         return RESULT_PARSELOG_FAILED;
 
@@ -98,4 +97,15 @@ extern "C" uint32_t zephExt_ParseLog(const wchar_t* logFilePath, uint32_t typeBu
     if (dataSize)
         *dataSize = static_cast<uint32_t>(size);
     return RESULT_SUCCESS;
+}
+
+} // namespace
+
+// A file that cannot be read through to the end (memory running out) counts
+// as unreadable: the file stays.
+extern "C" uint32_t zephExt_ParseLog(const wchar_t* logFilePath, uint32_t typeBufferSize,
+                                     wchar_t* typeBuffer, char** data, uint32_t* dataSize) {
+    return Shielded(kSelf, RESULT_PARSELOG_FAILED, [&] {
+        return ParseLog(logFilePath, typeBufferSize, typeBuffer, data, dataSize);
+    });
 }

@@ -22,29 +22,7 @@ HANDLE ProcessHeap(const char* exportName) {
     return heap;
 }
 
-} // namespace
-
-bool EnterBoundExport(const char* exportName) {
-    LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
-    return IsValidLoader();
-}
-
-void LogExit(const char* exportName) {
-    LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
-}
-
-extern "C" {
-
-// Init and Deinit share one body: the plug-in needs no set-up or tear-down.
-uint32_t zephExt_Init(void) {
-    return RESULT_SUCCESS;
-}
-uint32_t zephExt_Deinit(void) {
-    return RESULT_SUCCESS;
-}
-
-uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
-    const char* self = "zephExt_GetPrerequest";
+uint32_t GetPrerequisite(const char* self, ZephPrerequisite* record) {
     if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     if (!record) {
@@ -65,8 +43,7 @@ uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
     return RESULT_SUCCESS;
 }
 
-uint32_t zephExt_CreateContext(void** context) {
-    const char* self = "zephExt_CreateContext";
+uint32_t CreateContext(const char* self, void** context) {
     if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     HANDLE heap = ProcessHeap(self);
@@ -87,8 +64,7 @@ uint32_t zephExt_CreateContext(void** context) {
     return RESULT_SUCCESS;
 }
 
-uint32_t zephExt_ReleaseContext(void* context) {
-    const char* self = "zephExt_ReleaseContext";
+uint32_t ReleaseContext(const char* self, void* context) {
     if (!EnterBoundExport(self))
         return RESULT_GENERIC_FAILURE;
     HANDLE heap = ProcessHeap(self);
@@ -101,6 +77,49 @@ uint32_t zephExt_ReleaseContext(void* context) {
     }
     LogExit(self);
     return RESULT_SUCCESS;
+}
+
+} // namespace
+
+bool EnterBoundExport(const char* exportName) {
+    LOGA(LOG_INFO, "%s - >>> %s", exportName, exportName);
+    return IsValidLoader();
+}
+
+void LogExit(const char* exportName) {
+    LOGA(LOG_INFO, "%s - <<< %s", exportName, exportName);
+}
+
+void LogEscaped(const char* exportName, const char* what) noexcept {
+    try {
+        LOGA(LOG_ERROR, "%s - Unexpected exception: %s", exportName, what);
+    } catch (...) { // the log itself may run out of memory
+    }
+}
+
+extern "C" {
+
+// Init and Deinit share one body: the plug-in needs no set-up or tear-down.
+uint32_t zephExt_Init(void) {
+    return RESULT_SUCCESS;
+}
+uint32_t zephExt_Deinit(void) {
+    return RESULT_SUCCESS;
+}
+
+uint32_t zephExt_GetPrerequest(ZephPrerequisite* record) {
+    const char* self = "zephExt_GetPrerequest";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return GetPrerequisite(self, record); });
+}
+
+uint32_t zephExt_CreateContext(void** context) {
+    const char* self = "zephExt_CreateContext";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return CreateContext(self, context); });
+}
+
+uint32_t zephExt_ReleaseContext(void* context) {
+    const char* self = "zephExt_ReleaseContext";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return ReleaseContext(self, context); });
 }
 
 } // extern "C"

@@ -192,12 +192,7 @@ uint32_t StageFailed(const char* self, const std::exception& failure, uint32_t c
     return code;
 }
 
-} // namespace
-
-extern "C" {
-
-uint32_t zephExt_PreUpdate(void* /*unused*/, void* context) {
-    const char* self = "zephExt_PreUpdate";
+uint32_t PreUpdate(const char* self, void* context) {
     UpdatePaths paths;
     if (!BeginStage(self, context, paths))
         return RESULT_GENERIC_FAILURE;
@@ -208,8 +203,7 @@ uint32_t zephExt_PreUpdate(void* /*unused*/, void* context) {
     }
 }
 
-uint32_t zephExt_DoUpdate(const ZephUpdateInfo* info, void* context) {
-    const char* self = "zephExt_DoUpdate";
+uint32_t DoUpdate(const char* self, const ZephUpdateInfo* info, void* context) {
     UpdatePaths paths;
     if (!BeginStage(self, context, paths))
         return RESULT_GENERIC_FAILURE;
@@ -239,8 +233,7 @@ uint32_t zephExt_DoUpdate(const ZephUpdateInfo* info, void* context) {
     return RESULT_SUCCESS;
 }
 
-uint32_t zephExt_PostUpdate(void) {
-    const char* self = "zephExt_PostUpdate";
+uint32_t PostUpdate(const char* self) {
     UpdatePaths paths;
     if (!BeginStage(self, nullptr, paths, false))
         return RESULT_GENERIC_FAILURE;
@@ -254,8 +247,7 @@ uint32_t zephExt_PostUpdate(void) {
     return RESULT_SUCCESS;
 }
 
-uint32_t zephExt_Rollback(void* /*unused*/, void* context) {
-    const char* self = "zephExt_Rollback";
+uint32_t Rollback(const char* self, void* context) {
     UpdatePaths paths;
     if (!BeginStage(self, context, paths))
         return RESULT_GENERIC_FAILURE;
@@ -284,6 +276,33 @@ uint32_t zephExt_Rollback(void* /*unused*/, void* context) {
     }
     LogExit(self);
     return RESULT_SUCCESS;
+}
+
+} // namespace
+
+// A stage that ends in an exception its own handling did not expect (running
+// out of memory) fails with the stage's generic code; an interrupted rollback
+// has not given the old agent back.
+extern "C" {
+
+uint32_t zephExt_PreUpdate(void* /*unused*/, void* context) {
+    const char* self = "zephExt_PreUpdate";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return PreUpdate(self, context); });
+}
+
+uint32_t zephExt_DoUpdate(const ZephUpdateInfo* info, void* context) {
+    const char* self = "zephExt_DoUpdate";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return DoUpdate(self, info, context); });
+}
+
+uint32_t zephExt_PostUpdate(void) {
+    const char* self = "zephExt_PostUpdate";
+    return Shielded(self, RESULT_GENERIC_FAILURE, [&] { return PostUpdate(self); });
+}
+
+uint32_t zephExt_Rollback(void* /*unused*/, void* context) {
+    const char* self = "zephExt_Rollback";
+    return Shielded(self, RESULT_ROLLBACK_FAILED, [&] { return Rollback(self, context); });
 }
 
 } // extern "C"

@@ -1,4 +1,5 @@
 #include "DebugLog.h"
+#include "ExportBoundary.h"
 #include "JsonRequest.h"
 #include "Queries.h"
 #include "RequestHandlers.h"
@@ -8,8 +9,7 @@
 #include "ZephProtocol.h"
 #include "zephExt_TarnClient.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include "Json.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,10 +18,10 @@
 
 namespace {
 
-using Allocator = rapidjson::Document::AllocatorType;
+using Allocator = JsonDocument::AllocatorType;
 
-std::string QueryIdOf(const rapidjson::Value& request) {
-    const rapidjson::Value* queryId = FindMember(request, "query_id");
+std::string QueryIdOf(const JsonValue& request) {
+    const JsonValue* queryId = FindMember(request, "query_id");
     if (!queryId || !queryId->IsString())
         return std::string();
     return std::string(queryId->GetString(), queryId->GetStringLength());
@@ -29,9 +29,9 @@ std::string QueryIdOf(const rapidjson::Value& request) {
 
 // {"query_id":..,"product_id":..,"result_code":..,"result_data":..}, compact.
 std::string ResponseText(const std::string& queryId, uint32_t resultCode,
-                         const rapidjson::Value& resultData) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+                         const JsonValue& resultData) {
+    JsonBuffer buffer;
+    JsonWriter writer(buffer);
     writer.StartObject();
     writer.Key("query_id");
     writer.String(queryId.data(), static_cast<rapidjson::SizeType>(queryId.size()));
@@ -47,18 +47,17 @@ std::string ResponseText(const std::string& queryId, uint32_t resultCode,
 
 } // namespace
 
-uint32_t HandleQuery(const rapidjson::Value& request, rapidjson::Value& result,
-                     Allocator& allocator) {
+uint32_t HandleQuery(const JsonValue& request, JsonValue& result, Allocator& allocator) {
     static const struct {
         const char* queryId;
-        uint32_t (*query)(rapidjson::Value&, Allocator&);
+        uint32_t (*query)(JsonValue&, Allocator&);
     } kQueries[] = {
         {ZEPH_ONQUERY_CLIENT_STATUS_LOG, getClientStatusData},
         {ZEPH_ONQUERY_COMMON_SETTINGS, getCommonSettings},
         {ZEPH_ONQUERY_SERVICE_STATUS, getServiceStatus},
         {ZEPH_ONQUERY_SELF_PROTECTION, getSelfProtectionData},
     };
-    const rapidjson::Value* queryId = FindMember(request, "query_id");
+    const JsonValue* queryId = FindMember(request, "query_id");
     for (const auto& entry : kQueries) {
         if (IsStringEqual(queryId, entry.queryId))
             return entry.query(result, allocator);
@@ -67,12 +66,13 @@ uint32_t HandleQuery(const rapidjson::Value& request, rapidjson::Value& result,
     return RESULT_INVALID_REQUEST;
 }
 
-extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const char* request,
-                                        uint32_t* responseLength, char** response) {
-    const char* self = "zephExt_OnQueryData";
+namespace {
+
+uint32_t Answer(const char* self, int32_t length, const char* request, uint32_t* responseLength,
+                char** response) {
     LOGA(LOG_DETAIL, "%s - Request: %s", self, RequestText(length, request).c_str());
 
-    rapidjson::Document resultData(rapidjson::kObjectType);
+    JsonDocument resultData(rapidjson::kObjectType);
     std::string queryId;
     uint32_t resultCode = RESULT_NO_HOST;
     if (IsValidLoader()) {
@@ -92,7 +92,7 @@ extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const
     std::string text = ResponseText(queryId, resultCode, resultData);
     // Handed to the host, which gives it back through zephExt_Free. Taken from
     // the C run time's allocator like the detection-log copy, so one release
-    // fits both; running out of memory stays fatal.
+    // fits both.
     char* buffer = static_cast<char*>(std::malloc(text.size() + 1));
     if (!buffer)
         throw std::bad_alloc();
@@ -107,9 +107,22 @@ extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const
     return RESULT_SUCCESS;
 }
 
+} // namespace
+
+// Without memory for the response the host gets none (its pointer stays as it
+// was) and the result it always gets.
+extern "C" uint32_t zephExt_OnQueryData(void* /*context*/, int32_t length, const char* request,
+                                        uint32_t* responseLength, char** response) {
+    const char* self = "zephExt_OnQueryData";
+    return Shielded(self, RESULT_SUCCESS,
+                    [&] { return Answer(self, length, request, responseLength, response); });
+}
+
 extern "C" uint32_t zephExt_Free(void* buffer) {
-    if (!IsValidLoader())
-        return RESULT_GENERIC_FAILURE;
-    std::free(buffer);
-    return RESULT_SUCCESS;
+    return Shielded("zephExt_Free", RESULT_GENERIC_FAILURE, [&] {
+        if (!IsValidLoader())
+            return RESULT_GENERIC_FAILURE;
+        std::free(buffer);
+        return RESULT_SUCCESS;
+    });
 }
