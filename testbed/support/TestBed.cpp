@@ -108,3 +108,16 @@ void RemoveFolderTree(const std::wstring& folder) {
         SetFileAttributesW(entry->path().c_str(), FILE_ATTRIBUTE_NORMAL);
     fs::remove_all(fs::path(folder), ignored);
 }
+
+// Wine answers 0 from GetProcessHandleCount; there the handle values in use
+// are counted instead (Wine hands out small multiples of 4, the lowest free
+// one first, so a handle that stays open takes a low value).
+DWORD CountHandles(uintptr_t highestProbed) {
+    DWORD count = 0;
+    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0)
+        return count;
+    DWORD flags = 0;
+    for (uintptr_t value = 4; value <= highestProbed; value += 4)
+        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
+    return count;
+}

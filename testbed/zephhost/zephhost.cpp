@@ -7,6 +7,18 @@
 //   zephhost <dll> update <source dir>  the host's update sequence in one process
 //   zephhost <dll> --soak <count> <file>  <count> calls of each call in the script,
 //                                         quietly, and the process's handle and memory growth
+//   zephhost <dll> --fault "<fault>" ... <call> [argument]   the call with refusals armed
+//   zephhost <dll> --sweep <scenario> <first> <calls per import> <ms>   see Sweep.h
+//   zephhost --sweep-list                 the sweep's scenarios, "scenario <name>" a line
+//
+// A script may arm refusals of the system between its calls:
+//   fault <function> <call>[+] [<error> [<value>]]   the function's call-th call from
+//                                                    here on fails (with '+': every one
+//                                                    from then on), last error <error>
+//   fault-reset                                      none armed any more
+//   faults                                           "fired <function> x<n>" per fired fault
+#include "FaultInjector.h"
+#include "Sweep.h"
 #include "TestBed.h"
 
 #include "ScopedHandle.h"
@@ -23,6 +35,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -79,7 +92,17 @@ class Host {
   public:
     using Arguments = std::vector<std::string>;
 
-    explicit Host(const Exports& exports) : m_exports(exports) {}
+    Host(HMODULE plugin, const Exports& exports) : m_plugin(plugin), m_exports(exports) {}
+
+    // Gates the plug-in's imports, once; only a host that refuses calls does,
+    // so every other run goes through the import table untouched.
+    bool GateImports() {
+        if (!FaultInjector::Attach(m_plugin)) {
+            std::printf("cannot patch the plug-in's imports\n");
+            return false;
+        }
+        return true;
+    }
 
     // A quiet host prints nothing and counts each "<export> -> <result>" instead.
     void SetQuiet(bool quiet) { m_quiet = quiet; }
@@ -102,7 +125,12 @@ class Host {
             {"postupdate", &Host::PostUpdate},
             {"rollback", &Host::Rollback},
             {"update", &Host::Update},
+            {"update-rollback-after-pre", &Host::UpdateRollbackAfterPre},
+            {"update-rollback-after-do", &Host::UpdateRollbackAfterDo},
             {"parselog", &Host::ParseLog},
+            {"fault", &Host::ArmFault},
+            {"fault-reset", &Host::ResetFaults},
+            {"faults", &Host::PrintFaults},
         };
         auto found = calls.find(call);
         if (found == calls.end()) {
@@ -215,11 +243,23 @@ class Host {
     }
     // The host's whole sequence: context, stages, then post-update after a
     // successful update or rollback after a failed stage, and release.
-    void Update(const Arguments& arguments) {
+    void Update(const Arguments& arguments) { UpdateSequence(arguments, false); }
+    // The same, rolled back after a successful pre-update.
+    void UpdateRollbackAfterPre(const Arguments& arguments) { UpdateSequence(arguments, true); }
+    // The same, rolled back after a successful update too.
+    void UpdateRollbackAfterDo(const Arguments& arguments) {
+        CreateContext(arguments);
+        PreUpdate(arguments);
+        if (m_context && *static_cast<int32_t*>(m_context) == 1)
+            DoUpdate(arguments);
+        Rollback(arguments);
+        ReleaseContext(arguments);
+    }
+    void UpdateSequence(const Arguments& arguments, bool rollbackAfterPre) {
         CreateContext(arguments);
         PreUpdate(arguments);
         m_lastDoUpdate = 1;
-        if (m_context && *static_cast<int32_t*>(m_context) == 1)
+        if (!rollbackAfterPre && m_context && *static_cast<int32_t*>(m_context) == 1)
             DoUpdate(arguments);
         if (m_lastDoUpdate == 0)
             PostUpdate(arguments);
@@ -251,6 +291,22 @@ class Host {
         PrintResult("zephExt_Free", m_exports.zephExt_Free(data));
     }
 
+    void ArmFault(const Arguments& arguments) {
+        std::optional<FaultInjector::Fault> fault =
+            FaultInjector::ParseFault(ArgumentAt(arguments, 0));
+        if (!fault)
+            Print("bad fault %s\n", ArgumentAt(arguments, 0).c_str());
+        else if (GateImports())
+            FaultInjector::Arm(*fault);
+    }
+    void ResetFaults(const Arguments&) { FaultInjector::Reset(); }
+    void PrintFaults(const Arguments&) {
+        for (const FaultInjector::ImportCount& count : FaultInjector::Counts())
+            if (count.fired)
+                Print("fired %s x%u\n", count.function.c_str(), count.fired);
+    }
+
+    HMODULE m_plugin;
     Exports m_exports;
     bool m_quiet = false;
     std::map<std::string, unsigned> m_tally;
@@ -318,19 +374,6 @@ struct Footprint {
     SIZE_T privateBytes = 0;
 };
 
-// Wine answers 0 from GetProcessHandleCount; there the handle values in use
-// are counted instead (Wine hands out small multiples of 4).
-DWORD CountHandles() {
-    DWORD count = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0)
-        return count;
-    constexpr uintptr_t kHighestProbed = 0x10000;
-    DWORD flags = 0;
-    for (uintptr_t value = 4; value <= kHighestProbed; value += 4)
-        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) ? 1 : 0;
-    return count;
-}
-
 // Committed private pages of the whole address space (GetProcessMemoryInfo's
 // PrivateUsage is 0 under Wine).
 SIZE_T CountPrivateBytes() {
@@ -392,10 +435,22 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
     return 0;
 }
 
+// Removes each "--fault <fault>" after the DLL's path and answers the faults.
+std::vector<std::string> TakeFaultOptions(std::vector<std::string>& arguments) {
+    std::vector<std::string> faults;
+    while (arguments.size() > 3 && arguments[2] == "--fault") {
+        faults.push_back(arguments[3]);
+        arguments.erase(arguments.begin() + 2, arguments.begin() + 4);
+    }
+    return faults;
+}
+
 int Usage() {
     std::fprintf(stderr, "usage: zephhost <dll path> <call> [argument]\n"
                          "       zephhost <dll path> --script <file>\n"
-                         "       zephhost <dll path> --soak <count> <file>\n");
+                         "       zephhost <dll path> --soak <count> <file>\n"
+                         "       zephhost <dll path> --sweep <scenario> <first> <calls> <ms>\n"
+                         "       zephhost <dll path> --fault \"<fault>\" ... <call> [argument]\n");
     return kExitUsage;
 }
 
@@ -405,8 +460,15 @@ int main() {
     // Plain "\n" line ends, whatever reads the output.
     _setmode(_fileno(stdout), _O_BINARY);
     std::vector<std::string> arguments = Utf8Arguments();
+    if (arguments.size() == 2 && arguments[1] == "--sweep-list") {
+        for (const std::string& name : SweepScenarios())
+            std::printf("scenario %s\n", name.c_str());
+        return 0;
+    }
+    std::vector<std::string> faults = TakeFaultOptions(arguments);
     bool isScript = arguments.size() > 2 && arguments[2] == "--script";
     bool isSoak = arguments.size() > 2 && arguments[2] == "--soak";
+    bool isSweep = arguments.size() > 2 && arguments[2] == "--sweep";
     if (arguments.size() < 3 || (isScript && arguments.size() != 4) ||
         (isSoak && (arguments.size() != 5 || !IsDecimal(arguments[3]))))
         return Usage();
@@ -420,7 +482,10 @@ int main() {
         std::fflush(stdout);
         return kExitMissingExport;
     }
-    Host host(exports);
+    Host host(plugin.Get(), exports);
+    for (const std::string& fault : faults)
+        if (!host.Run("fault", {fault}))
+            return kExitUsage;
     std::vector<ScriptLine> script;
     if ((isScript || isSoak) && !ReadScript(arguments.back(), script))
         return kExitCannotLoad;
@@ -428,6 +493,19 @@ int main() {
         return RunScript(host, script);
     if (isSoak)
         return RunSoak(host, script, static_cast<unsigned>(std::stoul(arguments[3])));
+    if (isSweep) {
+        if (!host.GateImports())
+            return kExitCannotLoad;
+        host.SetQuiet(true);
+        auto runQuietly = [&host](const std::vector<std::string>& lines) {
+            for (const std::string& line : lines) {
+                ScriptLine call = ParseScriptLine(line);
+                host.Run(call.first, call.second);
+            }
+            return host.TakeTally();
+        };
+        return RunSweep(runQuietly, {arguments.begin() + 3, arguments.end()});
+    }
     Host::Arguments callArguments(arguments.begin() + 3, arguments.end());
     return host.Run(arguments[2], callArguments) ? 0 : kExitUsage;
 }
