@@ -1,0 +1,140 @@
+// What the plug-in does when the system refuses it: each case arms the test
+// bed's fault injector on one import of the shipped DLL, makes one call and
+// compares the export's answer and every complaint logged, letter for letter,
+// then what was left behind. The cases of a group run in one host process.
+#include "CommandExportFixture.h"
+
+namespace {
+
+struct Refusal {
+    std::string fault;      // "<function> <call> <error>", armed just before the call
+    std::string call;       // one script line
+    std::string answer;     // "<export> -> <result>"
+    std::string complaints; // the E and W lines it logged, without the host's prefix
+};
+
+// The system's own text for `code`, as the Microsoft library's
+// std::system_category() gives it: FormatMessage without its line break.
+std::string SystemText(DWORD code) {
+    char text[512] = {};
+    DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                                  nullptr, code, 0, text, sizeof(text), nullptr);
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
+        --length;
+    return std::string(text, length);
+}
+
+class RefusalTest : public CommandExportTest {
+  protected:
+    void ExpectRefusals(const std::vector<Refusal>& refusals) {
+        Lines script;
+        std::string answers;
+        std::string complaints;
+        for (const Refusal& refusal : refusals) {
+            script.insert(script.end(), {"fault " + refusal.fault, refusal.call, "fault-reset"});
+            answers += refusal.answer + "\n";
+            complaints += refusal.complaints;
+        }
+        ProcessResult run = RunHostScript(script);
+        EXPECT_EQ(Text(Starting(SplitLines(run.output), "zephExt_")), answers);
+        EXPECT_EQ(Text(PluginComplaints()), complaints);
+    }
+};
+
+const std::string kStart = Service("ZEPH_TYPE_IAGT_START");
+const std::string kStartFailed = "E HandleCommand - Unable to start Tarn agent service. ret=";
+const std::string kGeneric = "17039362"; // 0x1040002
+
+// A refused start leaves the agent stopped and records no service status; a
+// refused heap fails the context's export.
+TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
+    ASSERT_TRUE(AgentDouble::Install());
+    ExpectRefusals({
+        {"OpenSCManagerW 1 5", kStart, CommandResult(1),
+         "E StartTarn - Failed to OpenSCManager: 5\n" + kStartFailed + "5\n"},
+        {"OpenServiceW 1 5", kStart, CommandResult(1),
+         "E StartTarn - OpenService(TarnAgent) failed (5)\n" + kStartFailed + "5\n"},
+        {"QueryServiceStatusEx 1 6", kStart, CommandResult(1),
+         "E StartTarn - Unable to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking "
+         "current status (6)\n" +
+             kStartFailed + "6\n"},
+        {"StartServiceW 1 1058", kStart, CommandResult(1),
+         "E StartTarn - Unalbe to StartService()(1058)\n" + kStartFailed + "1058\n"},
+        {"GetProcessHeap 1 6", "create-context", "zephExt_CreateContext -> " + kGeneric,
+         "E zephExt_CreateContext - Unable to get process heap. err=6\n"},
+        {"HeapAlloc 1 8", "create-context", "zephExt_CreateContext -> " + kGeneric,
+         "E zephExt_CreateContext - Unable to alloc memory from heap.\n"},
+        {"HeapFree 1 6", "release-context", "zephExt_ReleaseContext -> " + kGeneric,
+         "E zephExt_ReleaseContext - Unable to free memory to process heap. err=6\n"},
+    });
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    DWORD status = 0;
+    EXPECT_FALSE(TestBedRegistry::ReadDword(kAgentKey, L"ServiceStatus", status));
+}
+
+// Refused before the installer ran, an install leaves no service; refused
+// while reading its exit code, the installer has run. A refused uninstall
+// deletes nothing.
+TEST_F(RefusalTest, InstallLaunchAndUninstall) {
+    const std::string installFailed = "E HandleCommand - status_error_code: 0\n"
+                                      "E HandleCommand - Unable to Install Tarn agent service.\n";
+    const std::string notLaunched = "E InstallTarn - Unable to launch install command.\n";
+    const std::string uninstallFailed =
+        "E HandleCommand - Unable to Uninstall Tarn agent service.\n";
+    ExpectRefusals({
+        {"OpenSCManagerW 1 5", Install(), CommandResult(1),
+         "E InstallTarn - Failed to OpenSCManager: 5\n" + installFailed},
+        {"OpenServiceW 1 5", Install(), CommandResult(1),
+         "E InstallTarn - Unexpected service return code. (5)\n" + installFailed},
+        {"CreatePipe 1 8", Install(), CommandResult(1),
+         "E LaunchCmd - CreatePipe failed, err=8\n" + notLaunched + installFailed},
+        {"DuplicateHandle 1 6", Install(), CommandResult(1),
+         "E LaunchCmd - DuplicateHandle for output error write failed, err=6\n" + notLaunched +
+             installFailed},
+        {"DuplicateHandle 2 6", Install(), CommandResult(1),
+         "E LaunchCmd - DuplicateHandle for output read failed, err=6\n" + notLaunched +
+             installFailed},
+        {"GetExitCodeProcess 1 6", Install(), CommandResult(1),
+         "E PrepAndLaunchRedirectedChild - GetExitCodeProcess failed, err=6\n"
+         "E InstallTarn - Unable to complete install command. ret=6\n" +
+             installFailed},
+        // The service's status is read first, through a manager of its own.
+        {"OpenSCManagerW 2 5", Uninstall(), CommandResult(1),
+         "E UninstallTarn - Failed to OpenSCManager: 5\n" + uninstallFailed},
+        {"OpenServiceW 2 5", Uninstall(), CommandResult(1),
+         "E UninstallTarn - Unexpected service return code. (5)\n" + uninstallFailed},
+        {"GetFullPathNameW 1 5", Install(), CommandResult(0),
+         "E InstallTarn - Failed to GetFullPathName: 5\n"},
+    });
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
+}
+
+// A detection file that cannot be deleted stays; a version that cannot be read
+// falls back; a backup that cannot be copied fails the pre-update with the
+// system's text, and the agent's files stay as they were.
+TEST_F(RefusalTest, FilesVersionsAndTheBackup) {
+    ASSERT_TRUE(AgentDouble::Install());
+    const std::wstring detectionFile = std::wstring(SimulatedInstall::kFolder) + L"detection.log";
+    ASSERT_TRUE(WriteFileBytes(detectionFile, "not a record"));
+    const std::string noVersion = "E zephExt_GetPrerequest - Unalbe to get agent version.\n";
+    ExpectRefusals({
+        {"_wremove 1 5", "parselog " + Narrow(detectionFile), "zephExt_ParseLog -> 4294967294",
+         "E verifyLog - Invalid format\nE zephExt_ParseLog - Invalid detection log.\n"
+         "E zephExt_ParseLog - _wremove error: 5\n"},
+        {"GetFileVersionInfoW 1 5", "prereq", "zephExt_GetPrerequest -> 0",
+         "E GetFileVersion - Fail to GetFileVersionInfo, error=5\n\n" + noVersion},
+        {"GetFileVersionInfoSizeW 1 1813", "prereq", "zephExt_GetPrerequest -> 0", noVersion},
+        {"CopyFileW 1 5", "update-rollback-after-pre C:\\ZephTestBed\\update",
+         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 17039363\nzephExt_Rollback -> "
+         "0\nzephExt_ReleaseContext -> 0",
+         "E zephExt_PreUpdate - Unable to backup Tarn agent files. Error code: 5,  error "
+         "message: " +
+             SystemText(5) + "\n"},
+    });
+    EXPECT_TRUE(PathExists(detectionFile));
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
+}
+
+} // namespace
