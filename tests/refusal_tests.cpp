@@ -45,8 +45,8 @@ const std::string kStart = Service("ZEPH_TYPE_IAGT_START");
 const std::string kStartFailed = "E HandleCommand - Unable to start Tarn agent service. ret=";
 const std::string kGeneric = "17039362"; // 0x1040002
 
-// A refused start leaves the agent stopped and records no service status; a
-// refused heap fails the context's export.
+// A refused start leaves the agent stopped, a refused registry write leaves
+// the service status unrecorded, and a refused heap fails the context's export.
 TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
     ASSERT_TRUE(AgentDouble::Install());
     ExpectRefusals({
@@ -60,6 +60,13 @@ TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
              kStartFailed + "6\n"},
         {"StartServiceW 1 1058", kStart, CommandResult(1),
          "E StartTarn - Unalbe to StartService()(1058)\n" + kStartFailed + "1058\n"},
+        // The agent's state is written after the fact: a refused write is logged only.
+        {"RegCreateKeyExW 1 5", kStart, CommandResult(0),
+         "E utilRegKey::SetValueWithCreate - CreateKey Fail Error(5)\n"},
+        {"RegSetValueExW 1 5", Service("ZEPH_TYPE_IAGT_STOP"), CommandResult(0),
+         "E utilRegKey::SetDWordValue - Can't set value of "
+         "'HKLM\\SOFTWARE\\Quorvane\\TarnAgent\\ServiceStatus', err=5\n\n\n"
+         "E utilRegKey::SetValueWithCreate - SetValue Fail Error(5)\n"},
         {"GetProcessHeap 1 6", "create-context", "zephExt_CreateContext -> " + kGeneric,
          "E zephExt_CreateContext - Unable to get process heap. err=6\n"},
         {"HeapAlloc 1 8", "create-context", "zephExt_CreateContext -> " + kGeneric,
