@@ -12,6 +12,12 @@ namespace {
 using AgentDouble::PipeAnswer;
 
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
+// No inbound buffer: a client's write completes only once the command has been
+// read off the pipe, so an answer queued before that read is there before the
+// client can issue its read. A client whose read is already pending when a
+// message longer than its buffer arrives gets ERROR_MORE_DATA from
+// GetOverlappedResult, unlike one that finds the message queued.
+constexpr DWORD kInboundBufferBytes = 0;
 // A longer message arrives in several reads, each but the last ending in ERROR_MORE_DATA.
 constexpr DWORD kReadChunkBytes = 4096;
 constexpr uint32_t kWrongMagic = 0x51565400;
@@ -41,6 +47,27 @@ class PipeIo {
   public:
     PipeIo(HANDLE pipe, HANDLE stopEvent) : m_pipe(pipe), m_stop(stopEvent), m_done(NewEvent()) {
         m_overlapped.hEvent = m_done.Get();
+    }
+
+    // Waits for the next message of a message-mode pipe and copies it,
+    // leaving it on the pipe: a read of no bytes waits for a message without
+    // taking it (it ends in ERROR_MORE_DATA), unless the message is empty.
+    // `taken` tells that the message is already off the pipe.
+    bool PeekMessageOnPipe(std::string& message, bool& taken) {
+        message.clear();
+        DWORD read = 0;
+        char none[1];
+        taken = Finish(ReadFile(m_pipe, none, 0, nullptr, &m_overlapped), read);
+        if (taken)
+            return true;
+        DWORD available = 0;
+        DWORD messageBytes = 0;
+        if (GetLastError() != ERROR_MORE_DATA ||
+            !PeekNamedPipe(m_pipe, nullptr, 0, nullptr, &available, &messageBytes))
+            return false;
+        message.resize(messageBytes);
+        return PeekNamedPipe(m_pipe, &message[0], messageBytes, &read, nullptr, nullptr) &&
+               read == messageBytes;
     }
 
     // One whole message, however many reads it takes. A byte-mode pipe has
@@ -171,7 +198,7 @@ bool PipeListener::Listen(bool bytePipe) {
         bytePipe ? PIPE_TYPE_BYTE | PIPE_READMODE_BYTE : PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE;
     pipe = ScopedFile(CreateNamedPipeW(kAgentPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
                                        mode | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, kPipeBufferBytes,
-                                       kPipeBufferBytes, 0, nullptr));
+                                       kInboundBufferBytes, 0, nullptr));
     if (!connected)
         connected = NewEvent();
     if (!pipe || !connected)
@@ -227,13 +254,28 @@ void AgentPipeServer::Serve() {
 // closed, not disconnected: a disconnect would throw away an answer the client
 // has not read yet (the one to a stop command), and a closed end shows the
 // client a broken pipe, as a vanished agent does.
+//
+// On a message-mode pipe the command is answered while it is still in the
+// pipe and read only then, which completes the client's write: the client
+// always finds the answer queued, whatever the machine's load. A delayed answer
+// comes after the read, as a slow agent's does, and so does one too long for
+// the outbound buffer (its write would wait for a client still blocked in its
+// own) and any on a byte-mode pipe, which has no messages to split.
 void AgentPipeServer::ServeConnection(ScopedFile pipe) const {
     PipeIo io(pipe.Get(), m_stop);
+    const bool answerFirst = !m_behaviour.bytePipe && m_behaviour.delayMs == 0 &&
+                             sizeof(TnFrameHeader) + m_behaviour.payloadBytes <= kPipeBufferBytes;
     std::string message;
-    while (io.ReadMessage(message)) {
+    std::string consumed;
+    for (;;) {
+        bool alreadyRead = !answerFirst;
+        if (answerFirst ? !io.PeekMessageOnPipe(message, alreadyRead) : !io.ReadMessage(message))
+            break;
         AppendJournalLine(kAgentJournal, kFrameJournalPrefix + Hex(message));
         TnFrameHeader command = HeaderOf(message);
         bool keepOpen = Answer(io, command, m_behaviour);
+        if (!alreadyRead && !io.ReadMessage(consumed))
+            keepOpen = false;
         if (command.dwCmdType == TNIPCOMMAND_STOP_SERVICE)
             m_onStopAnswered();
         if (!keepOpen)
