@@ -30,10 +30,10 @@ const char kValidRecord[] =
     "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
     "0x474554, , 1, 1700000000, 1699999999";
 
-// Service waits end after the agent's wait hints; a stop waits at most 60 s
-// and a launched installer at most five minutes, which no scenario reaches
-// without a fault.
-constexpr DWORD kQuick = 20000;
+// Service waits end after the agent's wait hints (10 s; a start waits out two
+// pending states); a stop waits at most 60 s and a launched installer at most
+// five minutes, which no scenario reaches without a fault.
+constexpr DWORD kQuick = 30000;
 constexpr DWORD kStopWait = 75000;
 constexpr DWORD kLaunchWait = 320000;
 // A sweep process holds a few hundred handles: a thousand slots see every
