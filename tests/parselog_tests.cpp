@@ -16,10 +16,7 @@ namespace {
 using Fields = std::vector<std::string>;
 
 // Every field filled and valid; positions count from 1 in the tables below.
-const char kShortRecord[] =
-    "f, 0, 1, 00:1A:2B:3C:4D:5E, IP, 00-1A-2B-3C-4D-5F, 00 1A 2B 3C 4D 60, TCP, SYN ACK, "
-    "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
-    "0x474554, , 1, 1700000000, 1699999999";
+const char* const kShortRecord = kValidDetectionRecord;
 
 Fields ShortRecord() {
     return splitLogRecord(kShortRecord);

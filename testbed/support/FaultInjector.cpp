@@ -192,6 +192,12 @@ FARPROC WINAPI GatedGetProcAddress(HMODULE module, LPCSTR name) {
     return stub ? reinterpret_cast<FARPROC>(stub) : real;
 }
 
+// Caller holds the lock.
+void RestartCounts(State& state) {
+    for (Gate& gate : state.gates)
+        gate.calls = gate.fired = 0;
+}
+
 bool Patch(ULONGLONG& entry, void* stub) {
     DWORD protection = 0;
     if (!stub || !VirtualProtect(&entry, sizeof(entry), PAGE_READWRITE, &protection))
@@ -244,8 +250,7 @@ void Arm(const Fault& fault) {
     std::lock_guard<std::mutex> guard(state.lock);
     state.faults[fault.function] = fault;
     state.armed = true;
-    for (Gate& gate : state.gates)
-        gate.calls = gate.fired = 0;
+    RestartCounts(state);
 }
 
 void Reset() {
@@ -253,8 +258,7 @@ void Reset() {
     std::lock_guard<std::mutex> guard(state.lock);
     state.faults.clear();
     state.armed = false;
-    for (Gate& gate : state.gates)
-        gate.calls = gate.fired = 0;
+    RestartCounts(state);
 }
 
 std::vector<ImportCount> Counts() {

@@ -4,6 +4,11 @@
 
 #include <filesystem>
 
+const char kValidDetectionRecord[] =
+    "f, 0, 1, 00:1A:2B:3C:4D:5E, IP, 00-1A-2B-3C-4D-5F, 00 1A 2B 3C 4D 60, TCP, SYN ACK, "
+    "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
+    "0x474554, , 1, 1700000000, 1699999999";
+
 std::wstring BinDir() {
     std::wstring path(MAX_PATH, L'\0');
     for (;;) {

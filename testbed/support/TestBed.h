@@ -36,6 +36,9 @@ bool PathExists(const std::wstring& path);
 std::wstring TempPath(const wchar_t* name);
 // The lines of a double's journal, in call order; empty when there is none.
 std::vector<std::string> JournalLines(const std::wstring& path);
+// A valid detection record in its short form, every field checked.
+extern const char kValidDetectionRecord[];
+
 // The process's open handles (under Wine: those with values up to the highest probed).
 DWORD CountHandles(uintptr_t highestProbed = 0x10000);
 // Splits at '\n', drops a '\r' before it and the empty piece after a final '\n'.

@@ -4,7 +4,6 @@
 #include "FaultInjector.h"
 #include "HostScript.h"
 #include "LogServer.h"
-#include "QvsockDouble.h"
 
 #include <atomic>
 #include <cstdio>
@@ -25,10 +24,6 @@ struct Scenario {
 
 const wchar_t kUpdateSource[] = L"C:\\ZephTestBed\\update";
 const wchar_t kDetectionFile[] = L"C:\\ZephTestBed\\Corvale\\detection.log";
-const char kValidRecord[] =
-    "f, 0, 1, 00:1A:2B:3C:4D:5E, IP, 00-1A-2B-3C-4D-5F, 00 1A 2B 3C 4D 60, TCP, SYN ACK, "
-    "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
-    "0x474554, , 1, 1700000000, 1699999999";
 
 // Service waits end after the agent's wait hints (10 s; a start waits out two
 // pending states); a stop waits at most 60 s and a launched installer at most
@@ -168,7 +163,7 @@ bool SetUp(const Scenario& scenario) {
         return WriteFileBytes(config + L"\\tn_agent.ini", "[Policy]\r\nEnabled=0\r\n; mine\r\n");
     }
     std::string name = scenario.name;
-    if (name == "parselog-valid" && !WriteFileBytes(kDetectionFile, kValidRecord))
+    if (name == "parselog-valid" && !WriteFileBytes(kDetectionFile, kValidDetectionRecord))
         return false;
     if (name == "parselog-invalid" && !WriteFileBytes(kDetectionFile, "not a record"))
         return false;
