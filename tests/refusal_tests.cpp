@@ -7,7 +7,7 @@
 namespace {
 
 struct Refusal {
-    std::string fault;      // "<function> <call> <error>", armed just before the call
+    std::string fault;      // "<function> <call> <error>[; <another>]", armed just before the call
     std::string call;       // one script line
     std::string answer;     // "<export> -> <result>"
     std::string complaints; // the E and W lines it logged, without the host's prefix
@@ -31,12 +31,25 @@ class RefusalTest : public CommandExportTest {
         std::string answers;
         std::string complaints;
         for (const Refusal& refusal : refusals) {
-            script.insert(script.end(), {"fault " + refusal.fault, refusal.call, "fault-reset"});
-            answers += refusal.answer + "\n";
+            std::string fired;
+            for (size_t at = 0; at < refusal.fault.size();) {
+                size_t end = std::min(refusal.fault.find("; ", at), refusal.fault.size());
+                std::string fault = refusal.fault.substr(at, end - at);
+                script.push_back("fault " + fault);
+                fired += "fired " + fault.substr(0, fault.find_first_of(" (")) + "\n";
+                at = end + 2;
+            }
+            script.insert(script.end(), {refusal.call, "faults", "fault-reset"});
+            answers += refusal.answer + "\n" + fired;
             complaints += refusal.complaints;
         }
-        ProcessResult run = RunHostScript(script);
-        EXPECT_EQ(Text(Starting(SplitLines(run.output), "zephExt_")), answers);
+        // Each answer, then each fault it was given: a fault that never
+        // fired would make its case prove nothing.
+        Lines outcomes;
+        for (const std::string& line : SplitLines(RunHostScript(script).output))
+            if (line.rfind("zephExt_", 0) == 0 || line.rfind("fired ", 0) == 0)
+                outcomes.push_back(line.substr(0, line.find(" x")));
+        EXPECT_EQ(Text(outcomes), answers);
         EXPECT_EQ(Text(PluginComplaints()), complaints);
     }
 };
@@ -142,6 +155,46 @@ TEST_F(RefusalTest, FilesVersionsAndTheBackup) {
     EXPECT_TRUE(PathExists(detectionFile));
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
+}
+
+// The agent pipe: a refused set-up ends the notice's attempts at once, a
+// refused write or read costs one attempt, a busy pipe or a full quota is
+// waited out. The cases share one client, in order: each one that succeeds
+// leaves its read pending for the next.
+TEST_F(RefusalTest, AgentPipe) {
+    ASSERT_TRUE(AgentDouble::Install());
+    ASSERT_TRUE(AgentDouble::Start());
+    const std::string notice = SelfProtection(0);
+    const std::string delivered = Result("zephExt_OnNotify", 0);
+    const std::string lost = Result("zephExt_OnNotify", 1);
+    const std::string initFails = "E InitTarnPipeClient - TarnAgentPipeClient Init fails: error=";
+    const std::string noPipe = "E HandleNotify - Unable to init pipe.\n"
+                               "E HandleNotify - Unable to send self protection status. ret=-1\n";
+    const std::string notSent =
+        "E SendSelfProtectionStatus - Unable to send self protection status.\n";
+    const std::string noAnswer = "E getResponseFromServer - FetchData fails: error=";
+    const std::string noResponse =
+        "E SendSelfProtectionStatus - Unable to get self protection status response.\n";
+    ExpectRefusals({
+        {"CreateEventW 1 8", notice, lost,
+         "E InitTarnPipeClient - CreateEvent for hStopEvent fails.\n" + noPipe},
+        {"CreateEventW 2 8", notice, lost, initFails + "8\n" + noPipe},
+        {"CreateFileW(OIPC_TARNAGENT) 1 5", notice, lost, initFails + "5\n" + noPipe},
+        {"CreateFileW(OIPC_TARNAGENT) 1 231; WaitNamedPipeW(OIPC_TARNAGENT) 1 121", notice, lost,
+         initFails + "121\n" + noPipe},
+        {"SetNamedPipeHandleState(OIPC_TARNAGENT) 1 5", notice, lost, initFails + "5\n" + noPipe},
+        {"ReadFile(OIPC_TARNAGENT) 1 5", notice, delivered, noAnswer + "5\n" + noResponse},
+        {"GetOverlappedResult(OIPC_TARNAGENT) 1 6", notice, delivered,
+         noAnswer + "6\n" + noResponse},
+        {"WaitForMultipleObjects 1 6", notice, delivered, noAnswer + "6\n" + noResponse},
+        {"WriteFile(OIPC_TARNAGENT) 1 232", notice, delivered, notSent},
+        {"WriteFile(OIPC_TARNAGENT) 1+ 232", notice, lost,
+         notSent + notSent + "E HandleNotify - Unable to send self protection status. ret=-1\n"},
+        // A busy pipe is waited for and opened again; a full quota is written again.
+        {"CreateFileW(OIPC_TARNAGENT) 1 231", notice, delivered, ""},
+        {"WriteFile(OIPC_TARNAGENT) 1 1450", notice, delivered, ""},
+    });
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 
 namespace FaultInjector {
 namespace {
@@ -27,9 +28,10 @@ static_assert(offsetof(Gate, forward) == 0 && offsetof(Gate, failValue) == 8,
 struct State {
     std::atomic<bool> armed{false}; // any fault: otherwise a call only counts
     std::mutex lock;
-    std::deque<Gate> gates;                 // never moves a gate: stubs point at them
-    std::map<void*, void*> stubsByFunction; // what GetProcAddress answered -> its stub
-    std::map<std::string, Fault> faults;    // armed, by function
+    std::deque<Gate> gates;                     // never moves a gate: stubs point at them
+    std::map<void*, void*> stubsByFunction;     // what GetProcAddress answered -> its stub
+    std::map<std::string, Fault> faults;        // armed, by function
+    std::map<std::string, unsigned> namedCalls; // calls that a fault's naming matched
     std::map<HMODULE, bool> attached;
     BYTE* stubSpace = nullptr;
     size_t stubSpaceLeft = 0;
@@ -40,6 +42,60 @@ State& Shared() {
     return state;
 }
 
+// Lower-case ASCII, so that a naming matches a path in any case.
+std::string Folded(const std::wstring& text) {
+    std::string folded;
+    for (wchar_t c : text)
+        folded += c < 128 ? static_cast<char>(tolower(c)) : '?';
+    return folded;
+}
+
+bool TakesHandleFirst(const std::string& function) {
+    static const std::set<std::string> functions = {"ReadFile",
+                                                    "WriteFile",
+                                                    "SetNamedPipeHandleState",
+                                                    "GetOverlappedResult",
+                                                    "CancelIo",
+                                                    "GetFileSizeEx",
+                                                    "GetFileInformationByHandle",
+                                                    "FlushFileBuffers",
+                                                    "SetFilePointer",
+                                                    "SetEndOfFile",
+                                                    "SetFileTime"};
+    return functions.count(function) != 0;
+}
+
+// What a call's first argument names: the text of a path, or the name of the
+// file or pipe a handle is open on ("\\OIPC_..." for a pipe).
+std::string FirstArgumentName(const std::string& function, uintptr_t argument) {
+    if (!argument)
+        return {};
+    if (TakesHandleFirst(function)) {
+        alignas(FILE_NAME_INFO) BYTE buffer[sizeof(FILE_NAME_INFO) + MAX_PATH * sizeof(WCHAR)] = {};
+        auto* info = reinterpret_cast<FILE_NAME_INFO*>(buffer);
+        if (!GetFileInformationByHandleEx(reinterpret_cast<HANDLE>(argument), FileNameInfo, info,
+                                          sizeof(buffer)))
+            return {};
+        return Folded(std::wstring(info->FileName, info->FileNameLength / sizeof(WCHAR)));
+    }
+    if (function.back() == 'W' || function.rfind("_w", 0) == 0)
+        return Folded(reinterpret_cast<const wchar_t*>(argument));
+    const char* narrow = reinterpret_cast<const char*>(argument);
+    return Folded(std::wstring(narrow, narrow + strlen(narrow)));
+}
+
+// Caller holds the lock: which call of the fault this is, or 0 when the
+// fault's naming does not match it.
+unsigned CallOfFault(State& state, const Fault& fault, const Gate& gate, uintptr_t argument) {
+    if (fault.naming.empty())
+        return gate.calls;
+    if (FirstArgumentName(fault.function, argument)
+            .find(Folded(std::wstring(fault.naming.begin(), fault.naming.end()))) ==
+        std::string::npos)
+        return 0;
+    return ++state.namedCalls[fault.function];
+}
+
 } // namespace
 } // namespace FaultInjector
 
@@ -47,7 +103,7 @@ using FaultInjector::Gate;
 
 // Decides one call: 0 passes it on with the last error (and errno) as they
 // were, 1 fails it with the armed fault's value and error.
-extern "C" int FaultGateDecide(Gate* gate) {
+extern "C" int FaultGateDecide(Gate* gate, uintptr_t firstArgument) {
     auto& state = FaultInjector::Shared();
     if (!state.armed.load(std::memory_order_relaxed)) { // touches neither last error nor errno
         gate->calls.fetch_add(1, std::memory_order_relaxed);
@@ -59,11 +115,12 @@ extern "C" int FaultGateDecide(Gate* gate) {
     bool fails = false;
     {
         std::lock_guard<std::mutex> guard(state.lock);
-        unsigned call = ++gate->calls;
+        ++gate->calls;
         auto armed = state.faults.find(gate->function);
         if (armed != state.faults.end()) {
             const FaultInjector::Fault& fault = armed->second;
-            fails = call == fault.call || (fault.onward && call > fault.call);
+            unsigned call = FaultInjector::CallOfFault(state, fault, *gate, firstArgument);
+            fails = call != 0 && (call == fault.call || (fault.onward && call > fault.call));
             if (fails) {
                 ++gate->fired;
                 error = fault.error;
@@ -103,6 +160,7 @@ FaultGateDispatch:
     movdqu %xmm3, 0x50(%rsp)
     movq %r10, 0x60(%rsp)
     movq %r10, %rcx
+    movq 0x70(%rsp), %rdx
     call FaultGateDecide
     movq 0x60(%rsp), %r10
     movdqu 0x20(%rsp), %xmm0
@@ -196,6 +254,7 @@ FARPROC WINAPI GatedGetProcAddress(HMODULE module, LPCSTR name) {
 void RestartCounts(State& state) {
     for (Gate& gate : state.gates)
         gate.calls = gate.fired = 0;
+    state.namedCalls.clear();
 }
 
 bool Patch(ULONGLONG& entry, void* stub) {
@@ -443,6 +502,13 @@ std::optional<Fault> ParseFault(const std::string& text) {
         return std::nullopt;
     Fault fault;
     fault.function = function;
+    size_t open = fault.function.find('(');
+    if (open != std::string::npos) {
+        if (fault.function.back() != ')' || open + 2 >= fault.function.size())
+            return std::nullopt;
+        fault.naming = fault.function.substr(open + 1, fault.function.size() - open - 2);
+        fault.function.erase(open);
+    }
     char* end = nullptr;
     fault.call = static_cast<unsigned>(strtoul(call, &end, 0));
     fault.onward = *end == '+';

@@ -20,6 +20,11 @@ struct Fault {
     bool onward = false;  // and every call after it
     DWORD error = ERROR_ACCESS_DENIED; // the last error (and errno for C runtime functions)
     std::optional<uint64_t> value;     // returned instead of the documented failure value
+    // When set, only the calls whose first argument names this text count: a
+    // path (case-insensitive part of it) or, for a function that takes a
+    // handle first, the file or pipe the handle is open on. The plug-in's log
+    // and agent pipes share their imports; this tells their calls apart.
+    std::string naming;
 };
 
 struct ImportCount {
@@ -49,8 +54,9 @@ uint64_t FailureValue(const std::string& function, DWORD error);
 // failure (lstrlenW, memcpy, GetLastError, EnterCriticalSection, ...).
 bool CanFail(const std::string& function);
 
-// "<function> <call>[+] [<error> [<value>]]", numbers in decimal or 0x hex:
-// "OpenSCManagerW 1 5", "RegSetValueExW 2+ 5", "WinVerifyTrust 1 0 0x800B0100".
+// "<function>[(<naming>)] <call>[+] [<error> [<value>]]", numbers in decimal
+// or 0x hex: "OpenSCManagerW 1 5", "RegSetValueExW 2+ 5",
+// "WinVerifyTrust 1 0 0x800B0100", "WriteFile(OIPC_TARNAGENT) 1 232".
 std::optional<Fault> ParseFault(const std::string& text);
 
 } // namespace FaultInjector
