@@ -197,4 +197,47 @@ TEST_F(RefusalTest, AgentPipe) {
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
+// A refused look at the service is taken for a running agent: the stop is
+// sent and succeeds. A refused wait after the agent has answered fails the
+// command although the agent stops; refusing the second attempt's pipe makes
+// that outcome the same on every run, however fast the agent stops.
+TEST_F(RefusalTest, StopAndItsWait) {
+    AgentDouble::Behaviour slowStop;
+    slowStop.stopDelayMs = 2000; // the wait queries again before the agent has stopped
+    ASSERT_TRUE(AgentDouble::Install(slowStop));
+    const std::string notLooked = "E IsTarnServiceStopped - Unalbe to ";
+    const std::string notWaited = "E StopTarn - Unalbe to ";
+    const std::string noQuery = "QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during checking ";
+    const std::string secondAttempt = "; CreateFileW(OIPC_TARNAGENT) 2 5";
+    const std::string noPipe = "E InitTarnPipeClient - TarnAgentPipeClient Init fails: error=5\n"
+                               "E HandleCommand - Unable to init pipe.\n"
+                               "E HandleCommand - Unable to stop Tarn agent service. ret=-1\n";
+    const std::vector<Refusal> refusals = {
+        {"OpenSCManagerW 1 5", "", CommandResult(0), notLooked + "OpenSCManager: 5\n"},
+        {"OpenServiceW 1 5", "", CommandResult(0), notLooked + "OpenService(TarnAgent): 5\n"},
+        {"QueryServiceStatusEx 1 6", "", CommandResult(0),
+         notLooked + noQuery + "current status (6)\n"},
+        {"OpenSCManagerW 2 5" + secondAttempt, "", CommandResult(1),
+         notWaited + "OpenSCManager: 5\n" + noPipe},
+        {"OpenServiceW 2 5" + secondAttempt, "", CommandResult(1),
+         notWaited + "OpenService(TarnAgent): 5\n" + noPipe},
+        {"QueryServiceStatusEx 2 6" + secondAttempt, "", CommandResult(1),
+         notWaited + noQuery + "current status (6)\n" + noPipe},
+        {"QueryServiceStatusEx 3 6" + secondAttempt, "", CommandResult(1),
+         notWaited + noQuery + "SERVICE_STOPPED [Error=6]\n" + noPipe},
+    };
+    for (Refusal refusal : refusals) {
+        SCOPED_TRACE(refusal.fault);
+        ASSERT_TRUE(AgentDouble::Start());
+        size_t frames = AgentDouble::ReceivedFrames().size();
+        refusal.call = Service("ZEPH_TYPE_IAGT_STOP");
+        ExpectRefusals({refusal});
+        EXPECT_EQ(AgentDouble::ReceivedFrames().size(), frames + 1);
+        EXPECT_TRUE(AgentDouble::WaitForState(SERVICE_STOPPED));
+    }
+    DWORD status = 1;
+    EXPECT_TRUE(TestBedRegistry::ReadDword(kAgentKey, L"ServiceStatus", status));
+    EXPECT_EQ(status, 0u);
+}
+
 } // namespace

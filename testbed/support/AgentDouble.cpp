@@ -132,6 +132,11 @@ bool Start(DWORD until, DWORD timeoutMs) {
     return AgentService::WaitForState(service.Get(), until, timeoutMs);
 }
 
+bool WaitForState(DWORD state, DWORD timeoutMs) {
+    ScopedServiceHandle service = AgentService::Open(SERVICE_QUERY_STATUS);
+    return service && AgentService::WaitForState(service.Get(), state, timeoutMs);
+}
+
 bool Control(DWORD control, DWORD until, DWORD timeoutMs) {
     ScopedServiceHandle service =
         AgentService::Open(SERVICE_STOP | SERVICE_PAUSE_CONTINUE | SERVICE_QUERY_STATUS);

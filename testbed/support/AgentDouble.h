@@ -71,6 +71,8 @@ bool Install(const Behaviour& behaviour = {});
 bool Run(const Behaviour& behaviour = {}, DWORD until = SERVICE_RUNNING);
 // The service's current state, 0 when the service does not exist.
 DWORD State();
+// Whether the service reports `state` before the timeout passes.
+bool WaitForState(DWORD state, DWORD timeoutMs = 15000);
 // Whatever state it is in: stops the service (killing its process if it is stuck), deletes it,
 // deletes kClientFolder, the behaviour key and the journal. Safe to call when nothing exists.
 void Remove();
