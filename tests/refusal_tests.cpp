@@ -240,4 +240,73 @@ TEST_F(RefusalTest, StopAndItsWait) {
     EXPECT_EQ(status, 0u);
 }
 
+// Each stage of an update refused in turn: the stage fails with its code and
+// the system's text, the rollback undoes what the counter says, and the
+// agent's files end as they were, byte for byte. Then what is left when the
+// rollback or the post-update is refused itself.
+TEST_F(RefusalTest, UpdateStages) {
+    ASSERT_TRUE(AgentDouble::Install());
+    ASSERT_TRUE(AgentDouble::PlaceUpdateSource());
+    const std::wstring agent = AgentDouble::kClientFolder;
+    ASSERT_TRUE(CreateFolderTree(agent + L"\\config"));
+    ASSERT_TRUE(WriteFileBytes(agent + L"\\config\\tn_agent.ini", "[Policy]\r\nEnabled=0\r\n"));
+    ASSERT_TRUE(WriteFileBytes(agent + L"\\agent.log", "never backed up"));
+    const FileTree before = SnapshotFiles(agent);
+    const std::string source = " " + Narrow(AgentDouble::kUpdateSource);
+    const std::string update = "update-rollback-after-do" + source;
+    auto answers = [](uint32_t pre, std::vector<uint32_t> later) {
+        std::string text =
+            "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> " + std::to_string(pre);
+        const char* stages[] = {"DoUpdate", "Rollback"};
+        for (size_t stage = pre == 0 ? 0 : 1; stage < 2 && !later.empty(); ++stage) {
+            text += "\nzephExt_" + std::string(stages[stage]) + " -> " + std::to_string(later[0]);
+            later.erase(later.begin());
+        }
+        return text + "\nzephExt_ReleaseContext -> 0";
+    };
+    const std::string denied = "Error code: 5,  error message: " + SystemText(5);
+    const std::string unknown = "Error code: 5, error message: " + SystemText(5);
+    const std::string launch = "E PrepAndLaunchRedirectedChild - CreateProcessW failed, err=5\n";
+    ExpectRefusals({
+        // The first backup of the process: nothing left from an earlier one.
+        {"DeleteFileW(TarnAgentBackup\\agent.log) 1 5", update, answers(17039363, {0}),
+         "E zephExt_PreUpdate - File system error: remove: " + SystemText(5) + "\n"},
+        {"GetFileAttributesW(iService\\Tarn) 1 5", update, answers(0, {0, 0}),
+         "E zephExt_PreUpdate - Unable to check whether Tarn folder exists or not. " + unknown +
+             ". Continue backup process.\n"},
+        {"GetFileAttributesW(TarnAgentBackup\\agent.log) 2 2", update, answers(0, {0, 0}),
+         "W zephExt_PreUpdate - Unable to delete log backup. " + Narrow(SimulatedInstall::kFolder) +
+             "Temp\\TarnAgentBackup\\agent.log\n"},
+        {"FindFirstFileExW(TarnAgentBackup\\*) 2 5", update, answers(17039363, {0}),
+         "E zephExt_PreUpdate - File system error: directory_iterator: " + SystemText(5) + "\n"},
+        {"GetFileAttributesW(iService\\Tarn\\TarnAgent.exe) 2 5", update, answers(0, {0, 0}),
+         "E zephExt_DoUpdate - Unable to check whether TarnAgent.exe exists or not. " + unknown +
+             ". Continue update process.\n"},
+        {"CreateProcessW 1 5", update, answers(0, {17039364, 0}),
+         launch + "E zephExt_DoUpdate - Unable to complete uninstall command. ret=5\n"},
+        {"CopyFileW(ZephTestBed\\update) 1 5", update, answers(0, {17039365, 0}),
+         "E zephExt_DoUpdate - Unable to replace files of Tarn agent. " + denied + "\n"},
+        {"CopyFileW(TarnAgentBackup\\config) 1 5", update, answers(0, {0, 0}),
+         "E zephExt_DoUpdate - Unable to copy back config file of Tarn agent. " + denied +
+             ". Continue update process.\n"},
+        {"CreateProcessW 2 5", update, answers(0, {17039366, 0}),
+         launch + "E zephExt_DoUpdate - Unable to complete install command. ret=5\n"},
+    });
+    EXPECT_TRUE(SnapshotFiles(agent) == before) << "the old agent's files are not all back";
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+
+    ExpectRefusals({
+        {"RemoveDirectoryW(TarnAgentBackup) 3 5", "update" + source,
+         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 0\nzephExt_DoUpdate -> "
+         "0\nzephExt_PostUpdate -> 17039362\nzephExt_ReleaseContext -> 0",
+         "E zephExt_PostUpdate - File system error: remove_all: " + SystemText(5) + "\n"},
+        {"CreateProcessW 3 5", update, answers(0, {0, 17039367}),
+         launch + "E zephExt_Rollback - Unable to complete uninstall command. ret=5\n"},
+        {"CopyFileW(TarnAgentBackup) 2 5", update, answers(0, {0, 17039367}),
+         "E zephExt_Rollback - File system error: copy: " + SystemText(5) + "\n"},
+    });
+    EXPECT_TRUE(PathExists(std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup"))
+        << "a rollback keeps the backup";
+}
+
 } // namespace

@@ -15,29 +15,13 @@ namespace fs = std::filesystem;
 const std::wstring kAgent = AgentDouble::kClientFolder;
 const std::wstring kAgentParent = fs::path(kAgent).parent_path().wstring();
 const std::wstring kTemp = std::wstring(SimulatedInstall::kFolder) + L"Temp";
-const std::wstring kSource = L"C:\\ZephTestBed\\update";
+const std::wstring kSource = AgentDouble::kUpdateSource;
 const std::wstring kBackup = std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup";
 const std::string kUserConfig = "[Policy]\r\nEnabled=0\r\n; the user's own settings\r\n";
-
-using Tree = std::map<std::string, std::string>; // relative path -> bytes
 
 void WriteFile(const std::wstring& path, const std::string& bytes) {
     EXPECT_TRUE(CreateFolderTree(fs::path(path).parent_path().wstring()));
     EXPECT_TRUE(WriteFileBytes(path, bytes));
-}
-
-Tree Snapshot(const std::wstring& folder) {
-    Tree tree;
-    std::error_code error;
-    for (auto it = fs::recursive_directory_iterator(folder, error);
-         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (!it->is_regular_file())
-            continue;
-        std::string bytes;
-        ReadFileBytes(it->path().wstring(), bytes);
-        tree[fs::relative(it->path(), folder).string()] = bytes;
-    }
-    return tree;
 }
 
 std::string AgentVersion() {
@@ -70,16 +54,13 @@ class UpdateTest : public AgentControlTest {
         WriteFile(kAgent + L"\\.log", "a log too");
         WriteFile(kAgent + L"\\UP.LOG", "not a log: the test is exact");
         WriteFile(kAgent + L"\\logs\\detail.log", "kept log");
-        m_oldFiles = Snapshot(kAgent);
+        m_oldFiles = SnapshotFiles(kAgent);
     }
     // Version 3.3 in the update's source folder, with default settings of its own.
     static void PlaceNewVersion() {
-        ASSERT_TRUE(CreateFolderTree(kSource));
-        ASSERT_TRUE(CopyFileW(BinPath(L"TarnAgent_3.3.exe").c_str(),
-                              (kSource + L"\\TarnAgent.exe").c_str(), FALSE));
+        ASSERT_TRUE(AgentDouble::PlaceUpdateSource());
         ASSERT_TRUE(
             CopyFileW(BinPath(L"hdc.exe").c_str(), (kSource + L"\\hdc.exe").c_str(), FALSE));
-        WriteFile(kSource + L"\\config\\tn_agent.ini", "[Policy]\r\nEnabled=1\r\n");
         WriteFile(kSource + L"\\new.dat", "only in 3.3");
     }
 
@@ -95,7 +76,7 @@ class UpdateTest : public AgentControlTest {
     // The old agent is back: every file it had, byte for byte, its service,
     // its version.
     void ExpectOldAgentRestored() {
-        Tree now = Snapshot(kAgent);
+        FileTree now = SnapshotFiles(kAgent);
         for (const auto& [path, bytes] : m_oldFiles)
             EXPECT_EQ(now[path], bytes) << path;
         EXPECT_EQ(AgentVersion(), "3.2.1045.7");
@@ -122,7 +103,7 @@ class UpdateTest : public AgentControlTest {
     }
 
     void* m_context = nullptr;
-    Tree m_oldFiles;
+    FileTree m_oldFiles;
 };
 
 // The backup may hold read-only files, copied as they were: every removal
@@ -133,20 +114,20 @@ TEST_F(UpdateTest, UpdateReplacesTheAgentAndKeepsTheUsersConfiguration) {
     WriteFile(kAgent + L"\\locked.log", "read-only log");
     for (const wchar_t* name : {L"\\locked.dat", L"\\locked.log"})
         ASSERT_TRUE(SetFileAttributesW((kAgent + name).c_str(), FILE_ATTRIBUTE_READONLY));
-    m_oldFiles = Snapshot(kAgent);
+    m_oldFiles = SnapshotFiles(kAgent);
     ASSERT_EQ(PreUpdate(), 0u);
     ASSERT_EQ(PreUpdate(), 0u) << "a leftover backup is replaced";
     EXPECT_EQ(Counter(), 1);
-    Tree backup = m_oldFiles;
+    FileTree backup = m_oldFiles;
     backup.erase("agent.log"); // top-level logs are left out, others kept
     backup.erase(".log");
     backup.erase("locked.log");
-    EXPECT_EQ(Snapshot(kBackup), backup);
+    EXPECT_EQ(SnapshotFiles(kBackup), backup);
 
     ASSERT_EQ(DoUpdate(), 0u);
     EXPECT_EQ(Counter(), 4);
     EXPECT_EQ(AgentVersion(), "3.3.1100.9");
-    Tree now = Snapshot(kAgent);
+    FileTree now = SnapshotFiles(kAgent);
     EXPECT_EQ(now["config\\tn_agent.ini"], kUserConfig);
     EXPECT_EQ(now["new.dat"], "only in 3.3");
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED)) << "installed again";

@@ -260,13 +260,12 @@ uint32_t Rollback(const char* self, void* context) {
         return RESULT_ROLLBACK_FAILED;
     if (counter >= STEP_UNINSTALLED) {
         LOGA(LOG_INFO, "%s - Rolling back files from backup...", self);
-        // No backup folder: there was no agent folder to back up, nothing to restore.
-        std::error_code error;
-        if (FileSystem::Exists(paths.backupFolder, error))
-            FileSystem::Copy(paths.backupFolder, agentFolder, error);
-        if (error) {
-            LOGA(LOG_ERROR, "%s - File system error: %s", self, error.message().c_str());
-            return RESULT_ROLLBACK_FAILED;
+        try {
+            // No backup folder: there was no agent folder to back up, nothing to restore.
+            if (FileSystem::Exists(paths.backupFolder))
+                FileSystem::Copy(paths.backupFolder, agentFolder);
+        } catch (const std::exception& failure) {
+            return StageFailed(self, failure, RESULT_ROLLBACK_FAILED);
         }
     }
     if (counter >= STEP_BACKED_UP) {

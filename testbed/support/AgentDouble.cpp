@@ -96,6 +96,7 @@ void RemoveService() {
 namespace AgentDouble {
 
 const wchar_t kClientFolder[] = L"C:\\ZephTestBed\\iService\\Tarn";
+const wchar_t kUpdateSource[] = L"C:\\ZephTestBed\\update";
 
 bool SetBehaviour(const Behaviour& behaviour) {
     const wchar_t* key = kAgentBehaviourKey;
@@ -118,6 +119,14 @@ bool Place(Version version) {
     const wchar_t* build = version == Version::V3_2 ? L"TarnAgent.exe" : L"TarnAgent_3.3.exe";
     return CreateFolderTree(kClientFolder) && CopyIntoClientFolder(build, L"TarnAgent.exe") &&
            CopyIntoClientFolder(L"hdc.exe", L"hdc.exe");
+}
+
+bool PlaceUpdateSource() {
+    const std::wstring source = kUpdateSource;
+    return CreateFolderTree(source + L"\\config") &&
+           CopyFileW(BinPath(L"TarnAgent_3.3.exe").c_str(), (source + L"\\TarnAgent.exe").c_str(),
+                     FALSE) &&
+           WriteFileBytes(source + L"\\config\\tn_agent.ini", "[Policy]\r\nEnabled=1\r\n");
 }
 
 DWORD RunInstall() {

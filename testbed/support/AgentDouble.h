@@ -12,6 +12,7 @@ namespace AgentDouble {
 // The parent of SimulatedInstall::kFolder + "iService\\Tarn", without a
 // trailing backslash: where the plug-in looks for the agent.
 extern const wchar_t kClientFolder[]; // L"C:\\ZephTestBed\\iService\\Tarn"
+extern const wchar_t kUpdateSource[]; // L"C:\\ZephTestBed\\update", where updates come from
 
 // TarnAgent.exe has product version 3.2.1045.7, TarnAgent_3.3.exe 3.3.1100.9;
 // the file versions of both differ from their product versions.
@@ -55,6 +56,8 @@ bool SetBehaviour(const Behaviour& behaviour);
 
 // Copies the chosen TarnAgent build (as "TarnAgent.exe") and hdc.exe into kClientFolder.
 bool Place(Version version = Version::V3_2);
+// The 3.3 build (as "TarnAgent.exe") with its own default configuration in kUpdateSource.
+bool PlaceUpdateSource();
 // Runs "<client folder>\TarnAgent.exe -install" and answers its exit code.
 DWORD RunInstall();
 // Starts the service and waits until it reports `until` (default SERVICE_RUNNING) or the timeout

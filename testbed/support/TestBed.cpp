@@ -50,6 +50,34 @@ std::wstring QuoteArgument(const std::wstring& argument) {
     return quoted;
 }
 
+namespace {
+
+void AddFiles(const std::wstring& folder, const std::string& relative, FileTree& tree) {
+    WIN32_FIND_DATAW entry;
+    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
+    if (find == INVALID_HANDLE_VALUE)
+        return;
+    do {
+        std::wstring name = entry.cFileName;
+        if (name == L"." || name == L"..")
+            continue;
+        std::string path = relative + Narrow(name);
+        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            AddFiles(folder + L"\\" + name, path + "\\", tree);
+        else
+            ReadFileBytes(folder + L"\\" + name, tree[path]);
+    } while (FindNextFileW(find, &entry));
+    FindClose(find);
+}
+
+} // namespace
+
+FileTree SnapshotFiles(const std::wstring& folder) {
+    FileTree tree;
+    AddFiles(folder, "", tree);
+    return tree;
+}
+
 bool ReadFileBytes(const std::wstring& path, std::string& bytes) {
     ScopedFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, OPEN_EXISTING, 0, nullptr));

@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ std::wstring BinPath(const wchar_t* name); // BinDir() + name
 
 // The whole file as bytes; false when it cannot be read.
 bool ReadFileBytes(const std::wstring& path, std::string& bytes);
+// Every file under a folder: its path relative to the folder -> its bytes.
+using FileTree = std::map<std::string, std::string>;
+FileTree SnapshotFiles(const std::wstring& folder);
 // Makes the file hold exactly `bytes` (its folder must exist); false when it cannot.
 bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 // A file or folder is at `path`.

@@ -22,7 +22,7 @@ struct Scenario {
     bool rollsBack = false; // ends with a rollback that, when it succeeds, restores every file
 };
 
-const wchar_t kUpdateSource[] = L"C:\\ZephTestBed\\update";
+using AgentDouble::kUpdateSource;
 const wchar_t kDetectionFile[] = L"C:\\ZephTestBed\\Corvale\\detection.log";
 
 // Service waits end after the agent's wait hints (10 s; a start waits out two
@@ -109,45 +109,15 @@ bool Bring(AgentState wanted) {
     }
 }
 
-using Tree = std::map<std::wstring, std::string>;
-
-// Every file under `folder`, by path, with its bytes.
-void Snapshot(const std::wstring& folder, Tree& tree) {
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..")
-            continue;
-        std::wstring path = folder + L"\\" + name;
-        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            Snapshot(path, tree);
-        else
-            ReadFileBytes(path, tree[path]);
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
-}
-
 // The first file of `before` that `after` lacks or holds other bytes of;
 // files that only `after` has (a newer version's) are no loss.
-std::wstring FirstDifference(const Tree& before, const Tree& after) {
+std::string FirstDifference(const FileTree& before, const FileTree& after) {
     for (const auto& [path, bytes] : before) {
         auto found = after.find(path);
         if (found == after.end() || found->second != bytes)
             return path;
     }
-    return L"";
-}
-
-// The version 3.3 agent in the update's source folder.
-bool PlaceUpdateSource() {
-    std::wstring source = kUpdateSource;
-    return CreateFolderTree(source + L"\\config") &&
-           CopyFileW(BinPath(L"TarnAgent_3.3.exe").c_str(), (source + L"\\TarnAgent.exe").c_str(),
-                     FALSE) &&
-           WriteFileBytes(source + L"\\config\\tn_agent.ini", "[Policy]\r\nEnabled=1\r\n");
+    return "";
 }
 
 // The scenario's starting point, made afresh before each run. An update
@@ -158,7 +128,7 @@ bool SetUp(const Scenario& scenario) {
     if (scenario.rollsBack) {
         AgentDouble::Remove();
         RemoveFolderTree(std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup");
-        if (!PlaceUpdateSource() || !Bring(scenario.agent) || !CreateFolderTree(config))
+        if (!AgentDouble::PlaceUpdateSource() || !Bring(scenario.agent) || !CreateFolderTree(config))
             return false;
         return WriteFileBytes(config + L"\\tn_agent.ini", "[Policy]\r\nEnabled=0\r\n; mine\r\n");
     }
@@ -291,9 +261,9 @@ class SweepRun {
         // more chance to arrive.
         if (!SetUp(m_scenario) && (Sleep(kSetUpRetryMs), !SetUp(m_scenario)))
             return "setup-failed";
-        Tree before;
+        FileTree before;
         if (m_scenario.rollsBack)
-            Snapshot(AgentDouble::kClientFolder, before);
+            before = SnapshotFiles(AgentDouble::kClientFolder);
         m_log.Sync();
         m_log.Clear();
         DWORD handles = CountHandles(kHighestHandleProbed);
@@ -318,10 +288,9 @@ class SweepRun {
                 break;
             }
         if (m_scenario.rollsBack && results.count("zephExt_Rollback -> 0")) {
-            Tree after;
-            Snapshot(AgentDouble::kClientFolder, after);
-            if (!FirstDifference(before, after).empty())
-                verdict += " loss=" + Narrow(FirstDifference(before, after));
+            std::string lost = FirstDifference(before, SnapshotFiles(AgentDouble::kClientFolder));
+            if (!lost.empty())
+                verdict += " loss=" + lost;
         }
         return verdict.empty() ? "ok" : verdict.substr(1);
     }
