@@ -3,6 +3,9 @@
 // compares the export's answer and every complaint logged, letter for letter,
 // then what was left behind. The cases of a group run in one host process.
 #include "CommandExportFixture.h"
+#include "QvNotifyDouble.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -307,6 +310,100 @@ TEST_F(RefusalTest, UpdateStages) {
     });
     EXPECT_TRUE(PathExists(std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup"))
         << "a rollback keeps the backup";
+}
+
+// A report to the server that the system refuses to load, look up or read
+// is logged and lost; the move-client notice succeeds all the same. A refused
+// load is tried again at the next report.
+TEST_F(RefusalTest, ServerNotification) {
+    const std::string notice = MoveClient();
+    const std::string delivered = Result("zephExt_OnNotify", 0);
+    const std::string lost = "E sendNotifyResultToServer - Unable to talk to Tarn Server.\n"
+                             "E HandleNotify - Unable to send NotifyResult for move client\n";
+    const std::string unread = "E talkToTarnServer - Unable to load qvSock response, "
+                               "file=.\\qvsock_response\n";
+    ExpectRefusals({
+        {"LoadLibraryW(Qvsock_64x) 1 126", notice, delivered,
+         "E talkToTarnServer - Unable to load Qvsock_64x.dll.\n" + lost},
+        {"GetModuleHandleW(Qvsock_64x) 1 126", notice, delivered,
+         "E talkToTarnServer - Unable to load function qvSendHttpToCRVLServer2.\n" + lost},
+        {"fopen(qvsock_response) 1 13", notice, delivered,
+         "E loadFileToString - Unable to open .\\qvsock_response.\n" + unread + lost},
+        {"fseek 1 5", notice, delivered,
+         "E loadFileToString - Unable to read file(.\\qvsock_response), expect length(-1), "
+         "actual(0)\n" +
+             unread + lost},
+        {"fread 1 5", notice, delivered,
+         "E loadFileToString - Unable to read file(.\\qvsock_response), expect length(30), "
+         "actual(0)\n" +
+             unread + lost},
+    });
+}
+
+// The one-time binding refused: each case in a process of its own, since a
+// binding that succeeded is never made again, and every export refuses
+// service until one does. Then the trust checks of the archive library: the
+// first load's refusal is reported to the event log and the second load is
+// what counts; with every check refused the package cannot be unpacked.
+TEST_F(RefusalTest, HostBindingAndTrust) {
+    const std::string refused = Result("zephExt_OnNotify", 8);
+    const std::string noBinding = "E IsValidLoader - Unable to initialize zephAgent dll.\n";
+    const std::string noPath = "E init - Unable to get CRVL install path.\n" + noBinding;
+    const std::string noLibrary = "E init - Unable to load zephAgent_64x. Error:8\n" + noBinding;
+    const std::string key =
+        "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
+    const std::string shortKey = "HKLM" + key.substr(key.find('\\'));
+    const std::string untrusted = "-2146762496\n"; // TRUST_E_NOSIGNATURE
+    auto notSigned = [&](const std::wstring& file) {
+        return "E CheckFileIssuer - failed to check digital signature for " + Narrow(file) +
+               ", err=" + untrusted;
+    };
+    for (const Refusal& refusal : std::vector<Refusal>{
+             {"RegOpenKeyExW 1 5", MoveClient(), refused,
+              "E GetCRVLInstallPath - Cannot find registry " + key + "\n" + noPath},
+             {"RegOpenKeyExW 2 5", MoveClient(), refused,
+              "E utilRegKey::Open - Can't open registry key '" + shortKey + "', err=5\n\n" +
+                  "E GetCRVLInstallPath - Cannot open registry " + key + "\n" + noPath},
+             {"RegQueryValueExW 1 5", MoveClient(), refused,
+              "E utilRegKey::QueryValue - Can't read value of '" + shortKey +
+                  "\\Application Path', err=5\n\n" +
+                  "E GetCRVLInstallPath - Cannot find value(Application Path) under key(" + key +
+                  ")\n" + noPath},
+             {"WinVerifyTrust 1 0x800B0100", MoveClient(), refused,
+              notSigned(std::wstring(SimulatedInstall::kFolder) + L"zephAgent_64x.dll") +
+                  noLibrary},
+             {"LoadLibraryW(zephAgent_64x) 1 5", MoveClient(), refused, noLibrary},
+         })
+        ExpectRefusals({refusal});
+
+    const std::wstring zlib = BinPath(L"zlibwapi.dll");
+    const std::string noNotify =
+        "E CQvNotifyDLL::Init - CQvNotifyDLL:CQvNotifyDLL() Verify DigitalSignature "
+        "Failed(qvnotify.dll) error = 0x800b0100\n"
+        "E CQvNotifyDLL::Init - CQvNotifyDLL::CQvNotifyDLL() LoadLibrary(qvnotify.dll) error = " +
+        untrusted;
+    DeleteFileW(kQvNotifyJournal);
+    ExpectRefusals({
+        {"", "prereq", "zephExt_GetPrerequest -> 0",
+         "E zephExt_GetPrerequest - Unalbe to get agent version.\n"},
+        {"WinVerifyTrust 1+ 0x800B0100", Install(), CommandResult(1),
+         notSigned(zlib) + noNotify + notSigned(zlib) + noNotify +
+             "E DecompressFile - Failed to load CUnzip\n"
+             "E InstallTarn - Extract zip(" +
+             Narrow(BinPath(L"instupg_Tarn_x64.zip")) +
+             ") file by failed.\n"
+             "E HandleCommand - status_error_code: 0\n"
+             "E HandleCommand - Unable to Install Tarn agent service.\n"},
+        {"WinVerifyTrust 1 0x800B0100", Install(), CommandResult(0), notSigned(zlib)},
+    });
+    const std::vector<std::string> journal = JournalLines(kQvNotifyJournal);
+    EXPECT_EQ(std::count_if(journal.begin(), journal.end(),
+                            [&](const std::string& line) {
+                                return line.rfind("ReportEventLogEx|", 0) == 0 &&
+                                       line.find("(" + Narrow(zlib) + ").") != std::string::npos;
+                            }),
+              1);
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED)) << "installed";
 }
 
 } // namespace
