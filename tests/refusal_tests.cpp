@@ -63,6 +63,8 @@ const std::string kGeneric = "17039362"; // 0x1040002
 
 // A refused start leaves the agent stopped, a refused registry write leaves
 // the service status unrecorded, and a refused heap fails the context's export.
+// A start whose wait cannot query the service judges it by the stopped state
+// it last read, whose exit code 0 counts as started.
 TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
     ASSERT_TRUE(AgentDouble::Install());
     ExpectRefusals({
@@ -83,6 +85,13 @@ TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
          "E utilRegKey::SetDWordValue - Can't set value of "
          "'HKLM\\SOFTWARE\\Quorvane\\TarnAgent\\ServiceStatus', err=5\n\n\n"
          "E utilRegKey::SetValueWithCreate - SetValue Fail Error(5)\n"},
+        {"QueryServiceStatusEx 2 6", kStart, CommandResult(0),
+         "E UntilServiceStatusNotEqualTo - Failed to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) "
+         "during checking State 1 (START_PENDING=2, STOP_PENDING=3) [Error=6]\n"
+         "W StartTarn - Cannot wait until service is not stopped. Still continue to check other "
+         "status.\n"
+         "E StartTarn - Service not started.Current State : [1], Exit Code : [0], Check Point : "
+         "[0], Wait Hint : [0]\n"},
         {"GetProcessHeap 1 6", "create-context", "zephExt_CreateContext -> " + kGeneric,
          "E zephExt_CreateContext - Unable to get process heap. err=6\n"},
         {"HeapAlloc 1 8", "create-context", "zephExt_CreateContext -> " + kGeneric,
@@ -90,18 +99,22 @@ TEST_F(RefusalTest, ServiceControlAndTheUpdateContext) {
         {"HeapFree 1 6", "release-context", "zephExt_ReleaseContext -> " + kGeneric,
          "E zephExt_ReleaseContext - Unable to free memory to process heap. err=6\n"},
     });
-    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    EXPECT_TRUE(AgentDouble::WaitForState(SERVICE_RUNNING));
     DWORD status = 0;
-    EXPECT_FALSE(TestBedRegistry::ReadDword(kAgentKey, L"ServiceStatus", status));
+    EXPECT_TRUE(TestBedRegistry::ReadDword(kAgentKey, L"ServiceStatus", status));
+    EXPECT_EQ(status, 1u);
 }
 
-// Refused before the installer ran, an install leaves no service; refused
-// while reading its exit code, the installer has run. A refused uninstall
-// deletes nothing.
+// Refused before the installer ran or the package was unpacked, an install
+// leaves no service; refused while reading its exit code, the installer has
+// run. A refused uninstall deletes no file.
 TEST_F(RefusalTest, InstallLaunchAndUninstall) {
     const std::string installFailed = "E HandleCommand - status_error_code: 0\n"
                                       "E HandleCommand - Unable to Install Tarn agent service.\n";
     const std::string notLaunched = "E InstallTarn - Unable to launch install command.\n";
+    const std::string package = Narrow(BinPath(L"instupg_Tarn_x64.zip"));
+    const std::string notUnpacked =
+        "E InstallTarn - Extract zip(" + package + ") file by failed.\n" + installFailed;
     const std::string uninstallFailed =
         "E HandleCommand - Unable to Uninstall Tarn agent service.\n";
     ExpectRefusals({
@@ -117,6 +130,13 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
         {"DuplicateHandle 2 6", Install(), CommandResult(1),
          "E LaunchCmd - DuplicateHandle for output read failed, err=6\n" + notLaunched +
              installFailed},
+        {"unzOpen 1 0", Install(), CommandResult(1),
+         "E DecompressFile - Failed to open zip file: " + package + ", CUnzip return code: -1\n" +
+             notUnpacked},
+        {"unzGetGlobalInfo 1 0 -103", Install(), CommandResult(1),
+         "E DecompressFile - failed to extract zipped files\n" + notUnpacked},
+        {"CreateFileA 1 5", Install(), CommandResult(1),
+         "E DecompressFile - error code: 5\n" + notUnpacked},
         {"GetExitCodeProcess 1 6", Install(), CommandResult(1),
          "E PrepAndLaunchRedirectedChild - GetExitCodeProcess failed, err=6\n"
          "E InstallTarn - Unable to complete install command. ret=6\n" +
@@ -126,10 +146,20 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
          "E UninstallTarn - Failed to OpenSCManager: 5\n" + uninstallFailed},
         {"OpenServiceW 2 5", Uninstall(), CommandResult(1),
          "E UninstallTarn - Unexpected service return code. (5)\n" + uninstallFailed},
+        {"OpenSCManagerW 1 5", Uninstall(), CommandResult(1),
+         "E GetClientServiceStatus - Failed to OpenSCManager: 5\n\n"
+         "E HandleCommand - Unable to get status of Tarn agent service\n"},
         {"GetFullPathNameW 1 5", Install(), CommandResult(0),
          "E InstallTarn - Failed to GetFullPathName: 5\n"},
+        // The uninstaller is not waited for: it goes on, the files stay.
+        {"WaitForSingleObject 1 6", Uninstall(), CommandResult(1),
+         "E PrepAndLaunchRedirectedChild - CreateProcessW wait failed, error=6\n"
+         "E UninstallTarn - Unable to launch uninstall command.\n" +
+             uninstallFailed},
     });
-    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
+    for (int wait = 0; wait < 150 && AgentDouble::State() != 0; ++wait)
+        Sleep(100);
+    EXPECT_EQ(AgentDouble::State(), 0u) << "the uninstaller ran to its end";
     EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
 }
 
@@ -294,6 +324,10 @@ TEST_F(RefusalTest, UpdateStages) {
              ". Continue update process.\n"},
         {"CreateProcessW 2 5", update, answers(0, {17039366, 0}),
          launch + "E zephExt_DoUpdate - Unable to complete install command. ret=5\n"},
+        {"CreateProcessW 1 5", "update-rollback-after-pre" + source,
+         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 0\nzephExt_Rollback -> "
+         "17039367\nzephExt_ReleaseContext -> 0",
+         launch + "E zephExt_Rollback - Unable to complete install command. ret=5\n"},
     });
     EXPECT_TRUE(SnapshotFiles(agent) == before) << "the old agent's files are not all back";
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
