@@ -163,14 +163,16 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
     EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
 }
 
-// A detection file that cannot be deleted stays; a version that cannot be read
-// falls back; a backup that cannot be copied fails the pre-update with the
-// system's text, and the agent's files stay as they were.
-TEST_F(RefusalTest, FilesVersionsAndTheBackup) {
+// A detection file that cannot be deleted, opened or read stays; a version
+// that cannot be read is reported missing; memory refused fails one call.
+TEST_F(RefusalTest, DetectionFilesVersionsAndMemory) {
     ASSERT_TRUE(AgentDouble::Install());
     const std::wstring detectionFile = std::wstring(SimulatedInstall::kFolder) + L"detection.log";
     ASSERT_TRUE(WriteFileBytes(detectionFile, "not a record"));
+    const std::wstring validFile = std::wstring(SimulatedInstall::kFolder) + L"valid_detection.log";
+    ASSERT_TRUE(WriteFileBytes(validFile, std::string(kValidDetectionRecord) + "\n"));
     const std::string noVersion = "E zephExt_GetPrerequest - Unalbe to get agent version.\n";
+    const std::string unreadable = "zephExt_ParseLog -> 4294967295";
     ExpectRefusals({
         {"_wremove 1 5", "parselog " + Narrow(detectionFile), "zephExt_ParseLog -> 4294967294",
          "E verifyLog - Invalid format\nE zephExt_ParseLog - Invalid detection log.\n"
@@ -178,22 +180,26 @@ TEST_F(RefusalTest, FilesVersionsAndTheBackup) {
         {"GetFileVersionInfoW 1 5", "prereq", "zephExt_GetPrerequest -> 0",
          "E GetFileVersion - Fail to GetFileVersionInfo, error=5\n\n" + noVersion},
         {"GetFileVersionInfoSizeW 1 1813", "prereq", "zephExt_GetPrerequest -> 0", noVersion},
-        {"CopyFileW 1 5", "update-rollback-after-pre C:\\ZephTestBed\\update",
-         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 17039363\nzephExt_Rollback -> "
-         "0\nzephExt_ReleaseContext -> 0",
-         "E zephExt_PreUpdate - Unable to backup Tarn agent files. Error code: 5,  error "
-         "message: " +
-             SystemText(5) + "\n"},
+        {"_wfopen(detection.log) 1 13", "parselog " + Narrow(detectionFile), unreadable,
+         "E zephExt_ParseLog - Can't open the file: " + Narrow(detectionFile) + "\n"},
+        {"_read 1 5", "parselog " + Narrow(validFile), unreadable,
+         "E zephExt_ParseLog - Read file error: basic_filebuf::underflow error reading the file: "
+         "Input/output error\n"},
+        // Memory refused inside an export ends that call, never the host.
+        {"malloc 1 12", Query("ZEPH_ONQUERY_SELF_PROTECTION"), "zephExt_OnQueryData -> 0",
+         "E zephExt_OnQueryData - Unexpected exception: std::bad_alloc\n"},
+        {"malloc 1 12", MoveClient(), "zephExt_OnNotify -> 1",
+         "E zephExt_OnNotify - Unexpected exception: std::bad_alloc\n"},
     });
     EXPECT_TRUE(PathExists(detectionFile));
-    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
-    EXPECT_TRUE(PathExists(std::wstring(AgentDouble::kClientFolder) + L"\\TarnAgent.exe"));
+    EXPECT_TRUE(PathExists(validFile));
 }
 
 // The agent pipe: a refused set-up ends the notice's attempts at once, a
 // refused write or read costs one attempt, a busy pipe or a full quota is
-// waited out. The cases share one client, in order: each one that succeeds
-// leaves its read pending for the next.
+// waited out; the agent keeps running through it all. The cases share one
+// client, in order: each one that succeeds leaves its read pending for the
+// next.
 TEST_F(RefusalTest, AgentPipe) {
     ASSERT_TRUE(AgentDouble::Install());
     ASSERT_TRUE(AgentDouble::Start());
@@ -226,6 +232,23 @@ TEST_F(RefusalTest, AgentPipe) {
         // A busy pipe is waited for and opened again; a full quota is written again.
         {"CreateFileW(OIPC_TARNAGENT) 1 231", notice, delivered, ""},
         {"WriteFile(OIPC_TARNAGENT) 1 1450", notice, delivered, ""},
+        // Each command's own text for a frame that cannot be written; a
+        // policy that failed is reported to the server and so succeeds.
+        {"WriteFile(OIPC_TARNAGENT) 1+ 232", Policy(1), CommandResult(0),
+         "W StartTarn - The service is alreay running. Skip further steps. Current state: 4\n"
+         "E NotifyTarnAgent - notify - send command fails.\n"
+         "E NotifyTarnAgent - notify - send command fails.\n"
+         "E handleNotifyFlag - Unable to notify Tarn agent. ret=-1\n"},
+        {"WriteFile(OIPC_TARNAGENT) 1+ 232", Policy(2), CommandResult(0),
+         "E ClearDriverConfig - clearConfig - send command fails.\n"
+         "E handleNotifyFlag - Fail to clear driver config. ret=-1\n"
+         "E ClearDriverConfig - clearConfig - send command fails.\n"
+         "E handleNotifyFlag - Fail to clear driver config. ret=-1\n"
+         "E handleNotifyFlag - Unable to clear driver config. ret=-1\n"},
+        {"WriteFile(OIPC_TARNAGENT) 1+ 232", Service("ZEPH_TYPE_IAGT_STOP"), CommandResult(1),
+         "E StopTarn - Stop service - send command fails.\n"
+         "E StopTarn - Stop service - send command fails.\n"
+         "E HandleCommand - Unable to stop Tarn agent service. ret=-1\n"},
     });
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
@@ -301,6 +324,8 @@ TEST_F(RefusalTest, UpdateStages) {
     const std::string unknown = "Error code: 5, error message: " + SystemText(5);
     const std::string launch = "E PrepAndLaunchRedirectedChild - CreateProcessW failed, err=5\n";
     ExpectRefusals({
+        {"CopyFileW 1 5", update, answers(17039363, {0}),
+         "E zephExt_PreUpdate - Unable to backup Tarn agent files. " + denied + "\n"},
         // The first backup of the process: nothing left from an earlier one.
         {"DeleteFileW(TarnAgentBackup\\agent.log) 1 5", update, answers(17039363, {0}),
          "E zephExt_PreUpdate - File system error: remove: " + SystemText(5) + "\n"},
