@@ -113,6 +113,7 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
                                       "E HandleCommand - Unable to Install Tarn agent service.\n";
     const std::string notLaunched = "E InstallTarn - Unable to launch install command.\n";
     const std::string package = Narrow(BinPath(L"instupg_Tarn_x64.zip"));
+    const std::string noStatus = "E HandleCommand - Unable to get status of Tarn agent service\n";
     const std::string notUnpacked =
         "E InstallTarn - Extract zip(" + package + ") file by failed.\n" + installFailed;
     const std::string uninstallFailed =
@@ -147,8 +148,13 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
         {"OpenServiceW 2 5", Uninstall(), CommandResult(1),
          "E UninstallTarn - Unexpected service return code. (5)\n" + uninstallFailed},
         {"OpenSCManagerW 1 5", Uninstall(), CommandResult(1),
-         "E GetClientServiceStatus - Failed to OpenSCManager: 5\n\n"
-         "E HandleCommand - Unable to get status of Tarn agent service\n"},
+         "E GetClientServiceStatus - Failed to OpenSCManager: 5\n\n" + noStatus},
+        {"OpenServiceW 1 5", Uninstall(), CommandResult(1),
+         "E GetClientServiceStatus - OpenService(TarnAgent) failed (5)\n\n" + noStatus},
+        {"QueryServiceStatusEx 1 6", Uninstall(), CommandResult(1),
+         "E GetClientServiceStatus - Failed to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) during "
+         "checking current status (6)\n\n" +
+             noStatus},
         {"GetFullPathNameW 1 5", Install(), CommandResult(0),
          "E InstallTarn - Failed to GetFullPathName: 5\n"},
         // The uninstaller is not waited for: it goes on, the files stay.
@@ -180,6 +186,8 @@ TEST_F(RefusalTest, DetectionFilesVersionsAndMemory) {
         {"GetFileVersionInfoW 1 5", "prereq", "zephExt_GetPrerequest -> 0",
          "E GetFileVersion - Fail to GetFileVersionInfo, error=5\n\n" + noVersion},
         {"GetFileVersionInfoSizeW 1 1813", "prereq", "zephExt_GetPrerequest -> 0", noVersion},
+        {"VerQueryValueW 1 1813", "prereq", "zephExt_GetPrerequest -> 0",
+         "E GetFileVersion - Fail to VerQueryValue, error=1813\n\n" + noVersion},
         {"_wfopen(detection.log) 1 13", "parselog " + Narrow(detectionFile), unreadable,
          "E zephExt_ParseLog - Can't open the file: " + Narrow(detectionFile) + "\n"},
         {"_read 1 5", "parselog " + Narrow(validFile), unreadable,
@@ -251,6 +259,38 @@ TEST_F(RefusalTest, AgentPipe) {
          "E HandleCommand - Unable to stop Tarn agent service. ret=-1\n"},
     });
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+// A service stuck stopping that cannot be queried while it is waited for: a
+// start tries anyway and the manager refuses it; a disable takes the agent for
+// running (its pipe refused here, so the outcome does not hang on whether a
+// stopping agent still serves it).
+TEST_F(RefusalTest, WaitsOnAStuckStop) {
+    AgentDouble::Behaviour stuck;
+    stuck.stuckStopPending = true;
+    ASSERT_TRUE(AgentDouble::Run(stuck));
+    ASSERT_TRUE(AgentDouble::Control(SERVICE_CONTROL_STOP, SERVICE_STOP_PENDING));
+    const std::string noQuery =
+        "E UntilServiceStatusNotEqualTo - Failed to QueryServiceStatusEx(SC_STATUS_PROCESS_INFO) "
+        "during checking State 3 (START_PENDING=2, STOP_PENDING=3) [Error=6]\n";
+    ExpectRefusals({
+        {"QueryServiceStatusEx 2 6", kStart, CommandResult(1),
+         noQuery +
+             "W StartTarn - Cannot wait until service is not stop pending. Still continue to try "
+             "start service.\n"
+             "E StartTarn - Unalbe to StartService()(1056)\n" +
+             kStartFailed + "1056\n"},
+        {"QueryServiceStatusEx 2 6; CreateFileW(OIPC_TARNAGENT) 1+ 5", Policy(2), CommandResult(0),
+         "W IsTarnServiceStopped - Service is already stopped or stop pending. Will wait for "
+         "pending.\n" +
+             noQuery +
+             "E IsTarnServiceStopped - UntilServiceStatusNotEqualTo(SERVICE_STOP_PENDING) failed. "
+             "nRet=6\n"
+             "E InitTarnPipeClient - TarnAgentPipeClient Init fails: error=5\n"
+             "E handleNotifyFlag - Unable to init pipe.\n"
+             "E handleNotifyFlag - Unable to clear driver config. ret=-1\n"},
+    });
+    EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOP_PENDING));
 }
 
 // A refused look at the service is taken for a running agent: the stop is
@@ -342,6 +382,13 @@ TEST_F(RefusalTest, UpdateStages) {
              ". Continue update process.\n"},
         {"CreateProcessW 1 5", update, answers(0, {17039364, 0}),
          launch + "E zephExt_DoUpdate - Unable to complete uninstall command. ret=5\n"},
+        // Versions are only logged.
+        {"GetFileVersionInfoSizeW(ZephTestBed\\update) 1 1813", update, answers(0, {0, 0}),
+         "E zephExt_DoUpdate - Unalbe to get candidate tarn agent version.\n"},
+        {"GetFileVersionInfoSizeW(iService\\Tarn) 1 1813", update, answers(0, {0, 0}),
+         "E zephExt_DoUpdate - Unalbe to get installed tarn agent version.\n"},
+        {"GetFileVersionInfoSizeW(iService\\Tarn) 2 1813", update, answers(0, {0, 0}),
+         "E zephExt_DoUpdate - Unalbe to get updated tarn agent version.\n"},
         {"CopyFileW(ZephTestBed\\update) 1 5", update, answers(0, {17039365, 0}),
          "E zephExt_DoUpdate - Unable to replace files of Tarn agent. " + denied + "\n"},
         {"CopyFileW(TarnAgentBackup\\config) 1 5", update, answers(0, {0, 0}),
