@@ -418,6 +418,47 @@ TEST_F(RefusalTest, UpdateStages) {
         << "a rollback keeps the backup";
 }
 
+// A failed policy on a machine opted in to the cloud console's policy clears
+// the stored policy: a refused clear or delete is logged, the rest is done
+// and the command still succeeds.
+TEST_F(RefusalTest, PolicyDataReset) {
+    const std::wstring policyFile = std::wstring(SimulatedInstall::kFolder) + L"policy.dat";
+    const std::wstring policyKey = std::wstring(kProductKey) + L"\\ZEPH\\ZEPH_IPRODUCT_TARN";
+    ASSERT_TRUE(TestBedRegistry::WriteDword(
+        (std::wstring(kProductKey) + L"\\LumenfieldPolicy").c_str(), L"LFPolicyOptIn", 1));
+    const std::string key = "SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion\\ZEPH\\"
+                            "ZEPH_IPRODUCT_TARN";
+    // No agent installed: the enable fails.
+    const std::string notStarted = "E StartTarn - OpenService(TarnAgent) failed (1060)\n"
+                                   "E handleNotifyFlag - Unable to start Tarn agent service. "
+                                   "ret=1060\n";
+    struct Case {
+        Refusal refusal;
+        bool fileStays;
+    };
+    for (const Case& c : std::vector<Case>{
+             {{"RegSetValueExW 1 5", Policy(1), CommandResult(0),
+               notStarted + "E utilRegKey::SetValue - Can't set value of 'HKLM\\" + key +
+                   "\\PolicyData', err=5\n\n\n"
+                   "E ClearLFIPSPolicyPath - Cannot set value(PolicyData) under key(HKEY_LOCAL_"
+                   "MACHINE\\" +
+                   key +
+                   ")\n"
+                   "E handleNotifyFlag - Failed to reset PolicyData registry value.\n"},
+              false},
+             {{"DeleteFileW(policy.dat) 1 5", Policy(1), CommandResult(0),
+               notStarted + "E handleNotifyFlag - Failed to delete policy data file " +
+                   Narrow(policyFile) + ". Error: 5\n"},
+              true},
+         }) {
+        SCOPED_TRACE(c.refusal.fault);
+        ASSERT_TRUE(TestBedRegistry::WriteText(policyKey.c_str(), L"PolicyData", policyFile));
+        ASSERT_TRUE(WriteFileBytes(policyFile, "policy"));
+        ExpectRefusals({c.refusal});
+        EXPECT_EQ(PathExists(policyFile), c.fileStays);
+    }
+}
+
 // A report to the server that the system refuses to load, look up or read
 // is logged and lost; the move-client notice succeeds all the same. A refused
 // load is tried again at the next report.
