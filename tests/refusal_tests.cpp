@@ -14,6 +14,7 @@ struct Refusal {
     std::string call;       // one script line
     std::string answer;     // "<export> -> <result>"
     std::string complaints; // the E and W lines it logged, without the host's prefix
+    Lines details = {};     // debug lines it must have logged among the others
 };
 
 // The system's own text for `code`, as the Microsoft library's
@@ -33,6 +34,7 @@ class RefusalTest : public CommandExportTest {
         Lines script;
         std::string answers;
         std::string complaints;
+        Lines details;
         for (const Refusal& refusal : refusals) {
             std::string fired;
             for (size_t at = 0; at < refusal.fault.size();) {
@@ -45,6 +47,7 @@ class RefusalTest : public CommandExportTest {
             script.insert(script.end(), {refusal.call, "faults", "fault-reset"});
             answers += refusal.answer + "\n" + fired;
             complaints += refusal.complaints;
+            details.insert(details.end(), refusal.details.begin(), refusal.details.end());
         }
         // Each answer, then each fault it was given: a fault that never
         // fired would make its case prove nothing.
@@ -53,7 +56,9 @@ class RefusalTest : public CommandExportTest {
             if (line.rfind("zephExt_", 0) == 0 || line.rfind("fired ", 0) == 0)
                 outcomes.push_back(line.substr(0, line.find(" x")));
         EXPECT_EQ(Text(outcomes), answers);
-        EXPECT_EQ(Text(PluginComplaints()), complaints);
+        Lines log = PluginLog();
+        EXPECT_EQ(Text(Complaints(log)), complaints);
+        ExpectAmong(log, details);
     }
 };
 
@@ -215,6 +220,7 @@ TEST_F(RefusalTest, AgentPipe) {
     const std::string delivered = Result("zephExt_OnNotify", 0);
     const std::string lost = Result("zephExt_OnNotify", 1);
     const std::string initFails = "E InitTarnPipeClient - TarnAgentPipeClient Init fails: error=";
+    const std::string initial = "D TarnAgentPipeClient::Initial - ";
     const std::string noPipe = "E HandleNotify - Unable to init pipe.\n"
                                "E HandleNotify - Unable to send self protection status. ret=-1\n";
     const std::string notSent =
@@ -225,14 +231,37 @@ TEST_F(RefusalTest, AgentPipe) {
     ExpectRefusals({
         {"CreateEventW 1 8", notice, lost,
          "E InitTarnPipeClient - CreateEvent for hStopEvent fails.\n" + noPipe},
-        {"CreateEventW 2 8", notice, lost, initFails + "8\n" + noPipe},
-        {"CreateFileW(OIPC_TARNAGENT) 1 5", notice, lost, initFails + "5\n" + noPipe},
-        {"CreateFileW(OIPC_TARNAGENT) 1 231; WaitNamedPipeW(OIPC_TARNAGENT) 1 121", notice, lost,
-         initFails + "121\n" + noPipe},
-        {"SetNamedPipeHandleState(OIPC_TARNAGENT) 1 5", notice, lost, initFails + "5\n" + noPipe},
-        {"ReadFile(OIPC_TARNAGENT) 1 5", notice, delivered, noAnswer + "5\n" + noResponse},
-        {"GetOverlappedResult(OIPC_TARNAGENT) 1 6", notice, delivered,
-         noAnswer + "6\n" + noResponse},
+        {"CreateEventW 2 8",
+         notice,
+         lost,
+         initFails + "8\n" + noPipe,
+         {initial + "CreateEvent fails\n"}},
+        {"CreateFileW(OIPC_TARNAGENT) 1 5",
+         notice,
+         lost,
+         initFails + "5\n" + noPipe,
+         {initial + "CreateFile fails: error=5\n"}},
+        {"CreateFileW(OIPC_TARNAGENT) 1 231; WaitNamedPipeW(OIPC_TARNAGENT) 1 121",
+         notice,
+         lost,
+         initFails + "121\n" + noPipe,
+         {initial + "WaitNamedPipe fails: error=121\n"}},
+        {"SetNamedPipeHandleState(OIPC_TARNAGENT) 1 5",
+         notice,
+         lost,
+         initFails + "5\n" + noPipe,
+         {initial +
+          "Pipe Server seems not to agree to use mode (PIPE_READMODE_MESSAGE | PIPE_WAIT)\n"}},
+        {"ReadFile(OIPC_TARNAGENT) 1 5",
+         notice,
+         delivered,
+         noAnswer + "5\n" + noResponse,
+         {"D TarnAgentPipeClient::Recv - ReadFile: fails, error=5\n"}},
+        {"GetOverlappedResult(OIPC_TARNAGENT) 1 6",
+         notice,
+         delivered,
+         noAnswer + "6\n" + noResponse,
+         {"D TarnAgentPipeClient::Recv - GetOverlappedResult fails: error=6\n"}},
         {"WaitForMultipleObjects 1 6", notice, delivered, noAnswer + "6\n" + noResponse},
         {"WriteFile(OIPC_TARNAGENT) 1 232", notice, delivered, notSent},
         {"WriteFile(OIPC_TARNAGENT) 1+ 232", notice, lost,
@@ -533,14 +562,26 @@ TEST_F(RefusalTest, HostBindingAndTrust) {
     ExpectRefusals({
         {"", "prereq", "zephExt_GetPrerequest -> 0",
          "E zephExt_GetPrerequest - Unalbe to get agent version.\n"},
-        {"WinVerifyTrust 1+ 0x800B0100", Install(), CommandResult(1),
+        {"WinVerifyTrust 1+ 0x800B0100",
+         Install(),
+         CommandResult(1),
          notSigned(zlib) + noNotify + notSigned(zlib) + noNotify +
              "E DecompressFile - Failed to load CUnzip\n"
              "E InstallTarn - Extract zip(" +
              Narrow(BinPath(L"instupg_Tarn_x64.zip")) +
              ") file by failed.\n"
              "E HandleCommand - status_error_code: 0\n"
-             "E HandleCommand - Unable to Install Tarn agent service.\n"},
+             "E HandleCommand - Unable to Install Tarn agent service.\n",
+         {"D CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - failed to call "
+          "WinVerifyTrust(), StatusVerify=800b0100, GetLastError=800b0100",
+          "D CCrvDigitalSignatureManagerEx::VerifyEmbeddedSignatureSingleSign - failed to verify "
+          "by certificate information",
+          "D LoadLibraryWithIssuerCheckA - File (" + Narrow(zlib) +
+              ") is not issued by (Quorvane, Inc.). Issuer check failed. Write to Windows Event "
+              "Log, SetLastError() to customized error code ERROR_FAILED_ISSUER_CHECK "
+              "(0x20001447) and return NULL.",
+          "D WriteWindowsEventLogForNotLoadingLibDueToIssuerCheckFailed - QvNotify initialization "
+          "failed"}},
         {"WinVerifyTrust 1 0x800B0100", Install(), CommandResult(0), notSigned(zlib)},
     });
     const std::vector<std::string> journal = JournalLines(kQvNotifyJournal);
