@@ -379,55 +379,57 @@ TEST_F(RefusalTest, UpdateStages) {
     const FileTree before = SnapshotFiles(agent);
     const std::string source = " " + Narrow(AgentDouble::kUpdateSource);
     const std::string update = "update-rollback-after-do" + source;
-    auto answers = [](uint32_t pre, std::vector<uint32_t> later) {
-        std::string text =
-            "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> " + std::to_string(pre);
-        const char* stages[] = {"DoUpdate", "Rollback"};
-        for (size_t stage = pre == 0 ? 0 : 1; stage < 2 && !later.empty(); ++stage) {
-            text += "\nzephExt_" + std::string(stages[stage]) + " -> " + std::to_string(later[0]);
-            later.erase(later.begin());
-        }
-        return text + "\nzephExt_ReleaseContext -> 0";
+    // What the host's sequence answers when the pre-update fails, and when it
+    // succeeds and the update follows.
+    auto sequence = [](const std::string& stages) {
+        return "zephExt_CreateContext -> 0\n" + stages + "zephExt_ReleaseContext -> 0";
+    };
+    auto preFails = [&](uint32_t pre, uint32_t rollback) {
+        return sequence("zephExt_PreUpdate -> " + std::to_string(pre) + "\nzephExt_Rollback -> " +
+                        std::to_string(rollback) + "\n");
+    };
+    auto rolledBack = [&](uint32_t update, uint32_t rollback) {
+        return sequence("zephExt_PreUpdate -> 0\nzephExt_DoUpdate -> " + std::to_string(update) +
+                        "\nzephExt_Rollback -> " + std::to_string(rollback) + "\n");
     };
     const std::string denied = "Error code: 5,  error message: " + SystemText(5);
     const std::string unknown = "Error code: 5, error message: " + SystemText(5);
     const std::string launch = "E PrepAndLaunchRedirectedChild - CreateProcessW failed, err=5\n";
     ExpectRefusals({
-        {"CopyFileW 1 5", update, answers(17039363, {0}),
+        {"CopyFileW 1 5", update, preFails(17039363, 0),
          "E zephExt_PreUpdate - Unable to backup Tarn agent files. " + denied + "\n"},
         // The first backup of the process: nothing left from an earlier one.
-        {"DeleteFileW(TarnAgentBackup\\agent.log) 1 5", update, answers(17039363, {0}),
+        {"DeleteFileW(TarnAgentBackup\\agent.log) 1 5", update, preFails(17039363, 0),
          "E zephExt_PreUpdate - File system error: remove: " + SystemText(5) + "\n"},
-        {"GetFileAttributesW(iService\\Tarn) 1 5", update, answers(0, {0, 0}),
+        {"GetFileAttributesW(iService\\Tarn) 1 5", update, rolledBack(0, 0),
          "E zephExt_PreUpdate - Unable to check whether Tarn folder exists or not. " + unknown +
              ". Continue backup process.\n"},
-        {"GetFileAttributesW(TarnAgentBackup\\agent.log) 2 2", update, answers(0, {0, 0}),
+        {"GetFileAttributesW(TarnAgentBackup\\agent.log) 2 2", update, rolledBack(0, 0),
          "W zephExt_PreUpdate - Unable to delete log backup. " + Narrow(SimulatedInstall::kFolder) +
              "Temp\\TarnAgentBackup\\agent.log\n"},
-        {"FindFirstFileExW(TarnAgentBackup\\*) 2 5", update, answers(17039363, {0}),
+        {"FindFirstFileExW(TarnAgentBackup\\*) 2 5", update, preFails(17039363, 0),
          "E zephExt_PreUpdate - File system error: directory_iterator: " + SystemText(5) + "\n"},
-        {"GetFileAttributesW(iService\\Tarn\\TarnAgent.exe) 2 5", update, answers(0, {0, 0}),
+        {"GetFileAttributesW(iService\\Tarn\\TarnAgent.exe) 2 5", update, rolledBack(0, 0),
          "E zephExt_DoUpdate - Unable to check whether TarnAgent.exe exists or not. " + unknown +
              ". Continue update process.\n"},
-        {"CreateProcessW 1 5", update, answers(0, {17039364, 0}),
+        {"CreateProcessW 1 5", update, rolledBack(17039364, 0),
          launch + "E zephExt_DoUpdate - Unable to complete uninstall command. ret=5\n"},
         // Versions are only logged.
-        {"GetFileVersionInfoSizeW(ZephTestBed\\update) 1 1813", update, answers(0, {0, 0}),
+        {"GetFileVersionInfoSizeW(ZephTestBed\\update) 1 1813", update, rolledBack(0, 0),
          "E zephExt_DoUpdate - Unalbe to get candidate tarn agent version.\n"},
-        {"GetFileVersionInfoSizeW(iService\\Tarn) 1 1813", update, answers(0, {0, 0}),
+        {"GetFileVersionInfoSizeW(iService\\Tarn) 1 1813", update, rolledBack(0, 0),
          "E zephExt_DoUpdate - Unalbe to get installed tarn agent version.\n"},
-        {"GetFileVersionInfoSizeW(iService\\Tarn) 2 1813", update, answers(0, {0, 0}),
+        {"GetFileVersionInfoSizeW(iService\\Tarn) 2 1813", update, rolledBack(0, 0),
          "E zephExt_DoUpdate - Unalbe to get updated tarn agent version.\n"},
-        {"CopyFileW(ZephTestBed\\update) 1 5", update, answers(0, {17039365, 0}),
+        {"CopyFileW(ZephTestBed\\update) 1 5", update, rolledBack(17039365, 0),
          "E zephExt_DoUpdate - Unable to replace files of Tarn agent. " + denied + "\n"},
-        {"CopyFileW(TarnAgentBackup\\config) 1 5", update, answers(0, {0, 0}),
+        {"CopyFileW(TarnAgentBackup\\config) 1 5", update, rolledBack(0, 0),
          "E zephExt_DoUpdate - Unable to copy back config file of Tarn agent. " + denied +
              ". Continue update process.\n"},
-        {"CreateProcessW 2 5", update, answers(0, {17039366, 0}),
+        {"CreateProcessW 2 5", update, rolledBack(17039366, 0),
          launch + "E zephExt_DoUpdate - Unable to complete install command. ret=5\n"},
         {"CreateProcessW 1 5", "update-rollback-after-pre" + source,
-         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 0\nzephExt_Rollback -> "
-         "17039367\nzephExt_ReleaseContext -> 0",
+         sequence("zephExt_PreUpdate -> 0\nzephExt_Rollback -> 17039367\n"),
          launch + "E zephExt_Rollback - Unable to complete install command. ret=5\n"},
     });
     EXPECT_TRUE(SnapshotFiles(agent) == before) << "the old agent's files are not all back";
@@ -435,12 +437,12 @@ TEST_F(RefusalTest, UpdateStages) {
 
     ExpectRefusals({
         {"RemoveDirectoryW(TarnAgentBackup) 3 5", "update" + source,
-         "zephExt_CreateContext -> 0\nzephExt_PreUpdate -> 0\nzephExt_DoUpdate -> "
-         "0\nzephExt_PostUpdate -> 17039362\nzephExt_ReleaseContext -> 0",
+         sequence("zephExt_PreUpdate -> 0\nzephExt_DoUpdate -> 0\nzephExt_PostUpdate -> "
+                  "17039362\n"),
          "E zephExt_PostUpdate - File system error: remove_all: " + SystemText(5) + "\n"},
-        {"CreateProcessW 3 5", update, answers(0, {0, 17039367}),
+        {"CreateProcessW 3 5", update, rolledBack(0, 17039367),
          launch + "E zephExt_Rollback - Unable to complete uninstall command. ret=5\n"},
-        {"CopyFileW(TarnAgentBackup) 2 5", update, answers(0, {0, 17039367}),
+        {"CopyFileW(TarnAgentBackup) 2 5", update, rolledBack(0, 17039367),
          "E zephExt_Rollback - File system error: copy: " + SystemText(5) + "\n"},
     });
     EXPECT_TRUE(PathExists(std::wstring(SimulatedInstall::kFolder) + L"Temp\\TarnAgentBackup"))
