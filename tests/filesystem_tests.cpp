@@ -1,6 +1,7 @@
-// The update's and the uninstall's file operations on the real file system:
-// the platform library's rules for missing parents, read-only entries,
-// dot-names and a file where a folder is expected.
+// The update's, the uninstall's and the detection log's file operations on
+// the real file system: the platform library's rules for missing parents,
+// read-only entries, dot-names, a file where a folder is expected and a text
+// stream's first line.
 #include "FileSystem.h"
 #include "TestBed.h"
 
@@ -121,6 +122,36 @@ TEST_F(FileSystemTest, RemovalsDeleteReadOnlyFilesAndFolders) {
     EXPECT_FALSE(error) << error.message();
     EXPECT_FALSE(IsThere(L"tree"));
     EXPECT_EQ(FileSystem::RemoveAll(At(L"tree")), 0u) << "nothing there";
+}
+
+// A text stream's first line: a line feed ends it, a carriage return right
+// before that goes, a Ctrl-Z ends the file, and a file that ends before its
+// first byte has no line at all.
+TEST_F(FileSystemTest, TheFirstLineIsReadAsATextStreamReadsIt) {
+    const std::string longLine(5000, 'x');
+    const struct {
+        std::string bytes;
+        FileSystem::LineRead result;
+        std::string line;
+    } cases[] = {
+        {"one\r\ntwo\n", FileSystem::LineRead::Read, "one"},
+        {"a\rb\r\r\n", FileSystem::LineRead::Read, "a\rb\r"},
+        {"\r\nnext", FileSystem::LineRead::Read, ""},
+        {"no end", FileSystem::LineRead::Read, "no end"},
+        {longLine + "\r\n", FileSystem::LineRead::Read, longLine},
+        {std::string("a\0b\x1A\nc", 7), FileSystem::LineRead::Read, std::string("a\0b", 3)},
+        {"\x1A\n", FileSystem::LineRead::Empty, ""},
+        {"", FileSystem::LineRead::Empty, ""},
+    };
+    for (const auto& c : cases) {
+        Write(L"line.txt", c.bytes);
+        std::string line = "stale";
+        EXPECT_EQ(FileSystem::ReadFirstLine(At(L"line.txt"), line), c.result) << c.bytes;
+        EXPECT_EQ(line, c.line) << c.bytes;
+    }
+    std::string line;
+    EXPECT_EQ(FileSystem::ReadFirstLine(At(L"none.txt"), line), FileSystem::LineRead::NotOpened);
+    EXPECT_EQ(FileSystem::ReadFirstLine(kWork, line), FileSystem::LineRead::NotOpened);
 }
 
 TEST(FileSystemNames, ExtensionRunsFromTheLastDotOfTheName) {

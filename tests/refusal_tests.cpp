@@ -193,11 +193,10 @@ TEST_F(RefusalTest, DetectionFilesVersionsAndMemory) {
         {"GetFileVersionInfoSizeW 1 1813", "prereq", "zephExt_GetPrerequest -> 0", noVersion},
         {"VerQueryValueW 1 1813", "prereq", "zephExt_GetPrerequest -> 0",
          "E GetFileVersion - Fail to VerQueryValue, error=1813\n\n" + noVersion},
-        {"_wfopen(detection.log) 1 13", "parselog " + Narrow(detectionFile), unreadable,
+        {"CreateFileW(Corvale\\detection.log) 1 5", "parselog " + Narrow(detectionFile), unreadable,
          "E zephExt_ParseLog - Can't open the file: " + Narrow(detectionFile) + "\n"},
-        {"_read 1 5", "parselog " + Narrow(validFile), unreadable,
-         "E zephExt_ParseLog - Read file error: basic_filebuf::underflow error reading the file: "
-         "Input/output error\n"},
+        {"ReadFile(valid_detection.log) 1 5", "parselog " + Narrow(validFile), unreadable,
+         "E zephExt_ParseLog - Read file error: ios_base::badbit set: iostream stream error\n"},
         // Memory refused inside an export ends that call, never the host.
         {"malloc 1 12", Query("ZEPH_ONQUERY_SELF_PROTECTION"), "zephExt_OnQueryData -> 0",
          "E zephExt_OnQueryData - Unexpected exception: std::bad_alloc\n"},

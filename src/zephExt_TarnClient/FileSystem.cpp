@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <new>
 
 namespace FileSystem {
@@ -227,6 +228,30 @@ std::vector<std::wstring> List(const std::wstring& folder) {
     for (std::wstring& entry : entries)
         entry = Join(folder, entry);
     return entries;
+}
+
+LineRead ReadFirstLine(const std::wstring& path, std::string& line) {
+    line.clear();
+    ScopedFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        return LineRead::NotOpened;
+    char block[4096];
+    DWORD read = 0;
+    while (ReadFile(file.Get(), block, sizeof(block), &read, nullptr)) {
+        const char* begin = block;
+        const char* end = block + read;
+        const char* stop = std::find_if(begin, end, [](char c) { return c == '\n' || c == 0x1A; });
+        line.append(begin, stop);
+        if (stop != end && *stop == '\n') {
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            return LineRead::Read;
+        }
+        if (stop != end || read == 0) // Ctrl-Z or the file's end
+            return line.empty() ? LineRead::Empty : LineRead::Read;
+    }
+    return LineRead::Failed;
 }
 
 std::wstring Join(const std::wstring& folder, const std::wstring& name) {

@@ -1,11 +1,12 @@
 #pragma once
-// The file operations of the update and the uninstall, over Win32, with the
-// semantics of the standard file-system library that ships with the Windows
-// compilers, so that a build by any compiler behaves alike: a copy makes its
-// target folder but never a missing parent, removals delete read-only files
-// and folders too, and a name's extension runs from its last dot for any name
-// but "." and "..". Errors are Win32 codes in Win32Category(); the forms
-// without an error_code throw std::system_error.
+// The file operations of the update, the uninstall and the detection log, over
+// Win32, with the semantics of the standard C++ library that ships with the
+// Windows compilers, so that a build by any compiler behaves alike: a copy
+// makes its target folder but never a missing parent, removals delete
+// read-only files and folders too, a name's extension runs from its last dot
+// for any name but "." and "..", and a line is read as a narrow text stream
+// reads it. Errors are Win32 codes in Win32Category(); the forms without an
+// error_code throw std::system_error.
 #include <cstdint>
 #include <string>
 #include <system_error>
@@ -35,6 +36,13 @@ std::uintmax_t RemoveAll(const std::wstring& path);
 
 // The paths of the entries directly inside `folder`.
 std::vector<std::wstring> List(const std::wstring& folder);
+
+enum class LineRead { Read, Empty, NotOpened, Failed };
+// The file's first line as a narrow text stream's getline gives it: the bytes
+// up to the first line feed, without a carriage return right before it, the
+// file ending at its first Ctrl-Z. Empty when the file ends before its first
+// byte; Failed when a read fails.
+LineRead ReadFirstLine(const std::wstring& path, std::string& line);
 
 // `folder` and `name` with one separator between them.
 std::wstring Join(const std::wstring& folder, const std::wstring& name);

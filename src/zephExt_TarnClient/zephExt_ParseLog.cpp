@@ -2,6 +2,7 @@
 
 #include "DebugLog.h"
 #include "ExportBoundary.h"
+#include "FileSystem.h"
 #include "ResultCodes.h"
 #include "ZephIntegration.h"
 #include "eventLogValidation.h"
@@ -11,9 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +19,8 @@ namespace {
 
 const char kSelf[] = "zephExt_ParseLog";
 const wchar_t kLogType[] = L"ZEPH_IPRODUCT_DETECTION_LOG";
+// How the Windows C++ library's text stream describes a read that failed.
+const char kReadFailure[] = "ios_base::badbit set: iostream stream error";
 
 void RemoveLogFile(const wchar_t* path) {
     if (_wremove(path) != 0)
@@ -41,40 +41,24 @@ uint32_t ParseLog(const wchar_t* logFilePath, uint32_t typeBufferSize, wchar_t* 
     if (!IsValidLoader())
         return RESULT_PARSELOG_FAILED;
 
+    // A host that passes no path gets the open failure.
     std::string line;
-    std::vector<std::string> fields;
-    bool empty = false;
-    std::ifstream file;
-    // Only a failing read throws; an empty file just sets the fail bit.
-    file.exceptions(std::ios_base::badbit);
-    try {
-        if (logFilePath) // a host that passes no path gets the open failure
-            file.open(std::filesystem::path(logFilePath));
-        if (!file.is_open()) {
-            LOGW(LOG_ERROR, L"%s - Can't open the file: %s", L"zephExt_ParseLog", logFilePath);
-            return RESULT_PARSELOG_FAILED;
-        }
-        if (!std::getline(file, line, '\n')) {
-            LOGA(LOG_ERROR, "%s - Empty file", kSelf);
-            empty = true;
-        } else {
-            fields = splitLogRecord(line);
-        }
-        file.close();
-    } catch (const std::exception& error) {
-        // GCC 12's library throws the stream failure of its older ABI, which a
-        // handler for std::ios_base::failure does not catch; both are
-        // std::exception.
-        const char* what = error.what();
-        LOGA(LOG_ERROR, "%s - Read file error: %s", kSelf,
-             what && *what ? what : "Unknown exception");
-        return RESULT_PARSELOG_FAILED; // the stream closes the file
-    }
-
-    if (empty) {
+    switch (logFilePath ? FileSystem::ReadFirstLine(logFilePath, line)
+                        : FileSystem::LineRead::NotOpened) {
+    case FileSystem::LineRead::NotOpened:
+        LOGW(LOG_ERROR, L"%s - Can't open the file: %s", L"zephExt_ParseLog", logFilePath);
+        return RESULT_PARSELOG_FAILED;
+    case FileSystem::LineRead::Failed: // the file stays for a later try
+        LOGA(LOG_ERROR, "%s - Read file error: %s", kSelf, kReadFailure);
+        return RESULT_PARSELOG_FAILED;
+    case FileSystem::LineRead::Empty:
+        LOGA(LOG_ERROR, "%s - Empty file", kSelf);
         RemoveLogFile(logFilePath);
         return RESULT_PARSELOG_INVALID;
+    case FileSystem::LineRead::Read:
+        break;
     }
+    std::vector<std::string> fields = splitLogRecord(line);
     if (!verifyLog(fields)) {
         LOGA(LOG_ERROR, "%s - Invalid detection log.", kSelf);
         RemoveLogFile(logFilePath);
