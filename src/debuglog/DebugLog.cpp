@@ -3,6 +3,7 @@
 #include "AnsiText.h"
 #include "ScopedHandle.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -16,7 +17,8 @@ constexpr DWORD kChunkBytes = 1024;
 constexpr DWORD kBusyWaitMs = 20000;
 
 wchar_t g_ModuleTag[64];
-bool g_WarnedNoServer = false;
+// Any thread may be the first to find no log server; one of them says so.
+std::atomic<bool> g_WarnedNoServer{false};
 
 // "[tag][exe]" when the tag is usable, else nothing; returns its length.
 size_t FormatPrefix(wchar_t* buffer, size_t capacity) {
@@ -53,9 +55,8 @@ void SendText(int level, const wchar_t* sourceFile, int line, const wchar_t* tex
 
 void ReportOpenFailure(DWORD error) {
     if (error == ERROR_FILE_NOT_FOUND) {
-        if (g_WarnedNoServer)
+        if (g_WarnedNoServer.exchange(true, std::memory_order_relaxed))
             return;
-        g_WarnedNoServer = true;
         (void)printf("Need to Start LogServer for turn on debug log. errno=%d\n",
                      static_cast<int>(error));
     } else {
