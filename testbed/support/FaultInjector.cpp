@@ -89,9 +89,7 @@ std::string FirstArgumentName(const std::string& function, uintptr_t argument) {
 unsigned CallOfFault(State& state, const Fault& fault, const Gate& gate, uintptr_t argument) {
     if (fault.naming.empty())
         return gate.calls;
-    if (FirstArgumentName(fault.function, argument)
-            .find(Folded(std::wstring(fault.naming.begin(), fault.naming.end()))) ==
-        std::string::npos)
+    if (FirstArgumentName(fault.function, argument).find(fault.naming) == std::string::npos)
         return 0;
     return ++state.namedCalls[fault.function];
 }
@@ -506,7 +504,8 @@ std::optional<Fault> ParseFault(const std::string& text) {
     if (open != std::string::npos) {
         if (fault.function.back() != ')' || open + 2 >= fault.function.size())
             return std::nullopt;
-        fault.naming = fault.function.substr(open + 1, fault.function.size() - open - 2);
+        std::string naming = fault.function.substr(open + 1, fault.function.size() - open - 2);
+        fault.naming = Folded(std::wstring(naming.begin(), naming.end()));
         fault.function.erase(open);
     }
     char* end = nullptr;

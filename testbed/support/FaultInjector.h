@@ -20,10 +20,11 @@ struct Fault {
     bool onward = false;  // and every call after it
     DWORD error = ERROR_ACCESS_DENIED; // the last error (and errno for C runtime functions)
     std::optional<uint64_t> value;     // returned instead of the documented failure value
-    // When set, only the calls whose first argument names this text count: a
-    // path (case-insensitive part of it) or, for a function that takes a
-    // handle first, the file or pipe the handle is open on. The plug-in's log
-    // and agent pipes share their imports; this tells their calls apart.
+    // When set (kept in lower case), only the calls whose first argument names
+    // this text count: a path (case-insensitive part of it) or, for a function
+    // that takes a handle first, the file or pipe the handle is open on. The
+    // plug-in's log and agent pipes share their imports; this tells their
+    // calls apart.
     std::string naming;
 };
 
