@@ -7,11 +7,11 @@ ProcessResult RunHost(const std::vector<std::wstring>& arguments, DWORD timeoutM
     return RunProcess(command, timeoutMs);
 }
 
-std::wstring WriteHostScript(const std::vector<std::string>& calls) {
+std::wstring WriteHostScript(const std::vector<std::string>& calls, const wchar_t* name) {
     std::string script;
     for (const std::string& call : calls)
         script += call + "\n";
-    std::wstring path = TempPath(L"zephhost_script.txt");
+    std::wstring path = TempPath(name);
     WriteFileBytes(path, script);
     return path;
 }

@@ -8,8 +8,9 @@
 ProcessResult RunHost(const std::vector<std::wstring>& arguments, DWORD timeoutMs = 60000);
 // The script's calls in one zephhost.exe process.
 ProcessResult RunHostScript(const std::vector<std::string>& calls, DWORD timeoutMs = 180000);
-// The calls as a script file in the temp folder; answers its path.
-std::wstring WriteHostScript(const std::vector<std::string>& calls);
+// The calls as a script file of that name in the temp folder; answers its path.
+std::wstring WriteHostScript(const std::vector<std::string>& calls,
+                             const wchar_t* name = L"zephhost_script.txt");
 
 // Script lines of the JSON exports' requests.
 std::string Command(const std::string& id, const std::string& data);

@@ -5,8 +5,12 @@
 //   zephhost <dll> <call> [argument [argument]]
 //   zephhost <dll> --script <file>      one "<call> <argument>" per line
 //   zephhost <dll> update <source dir>  the host's update sequence in one process
-//   zephhost <dll> --soak <count> <file>  <count> calls of each call in the script,
-//                                         quietly, and the process's handle and memory growth
+//   zephhost <dll> [--threads <n>] --soak <count> <file>  <count> calls of each call in the
+//                                 script, quietly, and the process's handle and memory growth;
+//                                 queries and detection files from <n> threads at once
+//   zephhost <dll> --threads <n> --concurrent <passes> <file> [<host file>]   <n> threads
+//                                 released together make <passes> passes over the script each,
+//                                 while this thread runs the host file's calls; see RunConcurrent
 //   zephhost <dll> --fault "<fault>" ... <call> [argument]   the call with refusals armed
 //   zephhost <dll> --sweep <scenario> <first> <calls per import> <ms>   see Sweep.h
 //   zephhost --sweep-list                 the sweep's scenarios, "scenario <name>" a line
@@ -30,12 +34,15 @@
 #include <io.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -106,7 +113,13 @@ class Host {
 
     // A quiet host prints nothing and counts each "<export> -> <result>" instead.
     void SetQuiet(bool quiet) { m_quiet = quiet; }
+    // A capturing host appends what it would print to `capture` instead.
+    void SetCapture(std::string* capture) { m_capture = capture; }
     std::map<std::string, unsigned> TakeTally() { return std::exchange(m_tally, {}); }
+    void AddTally(const std::map<std::string, unsigned>& tally) {
+        for (const auto& [result, calls] : tally)
+            m_tally[result] += calls;
+    }
 
     // Runs one call and flushes its lines; false for an unknown call.
     bool Run(const std::string& call, const Arguments& arguments) {
@@ -145,11 +158,22 @@ class Host {
 
   private:
     void Print(const char* format, ...) {
-        if (m_quiet)
+        if (m_quiet && !m_capture)
             return;
         va_list arguments;
         va_start(arguments, format);
-        std::vprintf(format, arguments);
+        if (m_capture) {
+            va_list measure;
+            va_copy(measure, arguments);
+            int length = std::vsnprintf(nullptr, 0, format, measure);
+            va_end(measure);
+            size_t start = m_capture->size();
+            m_capture->resize(start + std::max(length, 0) + 1);
+            std::vsnprintf(&(*m_capture)[start], std::max(length, 0) + 1, format, arguments);
+            m_capture->pop_back(); // the terminator
+        } else {
+            std::vprintf(format, arguments);
+        }
         va_end(arguments);
     }
     void PrintResult(const char* exportName, uint32_t result) {
@@ -309,6 +333,7 @@ class Host {
     HMODULE m_plugin;
     Exports m_exports;
     bool m_quiet = false;
+    std::string* m_capture = nullptr;
     std::map<std::string, unsigned> m_tally;
     void* m_context = nullptr;
     uint32_t m_lastDoUpdate = 0;
@@ -395,12 +420,39 @@ Footprint MeasureFootprint() {
     return {CountHandles(), CountPrivateBytes()};
 }
 
+// Runs body(index) on `threads` threads released together once all are ready,
+// and beside() on this thread meanwhile; returns when all are done.
+template <typename Body, typename Beside>
+void RunReleasedTogether(unsigned threads, const Body& body, const Beside& beside) {
+    ScopedKernelHandle go(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::atomic<unsigned> ready{0};
+    std::vector<std::thread> workers;
+    for (unsigned index = 0; index < threads; ++index)
+        workers.emplace_back([&, index] {
+            ++ready;
+            WaitForSingleObject(go.Get(), INFINITE);
+            body(index);
+        });
+    while (ready < threads)
+        SwitchToThread();
+    SetEvent(go.Get());
+    beside();
+    for (std::thread& worker : workers)
+        worker.join();
+}
+
+// The calls that the host may make from several threads at once.
+bool IsConcurrent(const std::string& call) {
+    return call == "query" || call == "parselog";
+}
+
 // The script's lines grouped by call, in order of first appearance; each
 // group runs `count` calls, taking its lines in turn, after a tenth of that as
-// warm-up. Prints per group
-//   soak <call> x<count>: handles <a> -> <b>, private bytes <a> -> <b>, <elapsed> ms
+// warm-up. Queries and detection files are shared out over `threads` threads
+// released together; commands and notices stay on this one. Prints per group
+//   soak <call> x<count>, <n> threads: handles <a> -> <b>, private bytes <a> -> <b>, <ms> ms
 // followed by one "  <export> -> <result> x<calls>" per result seen.
-int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
+int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count, unsigned threads) {
     std::vector<std::pair<std::string, std::vector<Host::Arguments>>> groups;
     for (const auto& [call, arguments] : script) {
         auto group = std::find_if(groups.begin(), groups.end(),
@@ -410,12 +462,33 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
         group->second.push_back(arguments);
     }
     host.SetQuiet(true);
+    std::mutex tallyLock;
     for (const auto& [call, requests] : groups) {
-        auto runCalls = [&, &call = call, &requests = requests](unsigned calls) {
+        unsigned groupThreads = IsConcurrent(call) ? threads : 1;
+        // Calls [first, last) of the group on `caller`.
+        auto runShare = [&, &call = call, &requests = requests](Host& caller, unsigned first,
+                                                                unsigned last) {
             bool known = true;
-            for (unsigned i = 0; i < calls; ++i)
-                known = host.Run(call, requests[i % requests.size()]) && known;
+            for (unsigned i = first; i < last; ++i)
+                known = caller.Run(call, requests[i % requests.size()]) && known;
             return known;
+        };
+        auto runCalls = [&](unsigned calls) {
+            if (groupThreads == 1)
+                return runShare(host, 0, calls);
+            std::atomic<bool> known{true};
+            RunReleasedTogether(
+                groupThreads,
+                [&](unsigned index) {
+                    Host worker(host);
+                    if (!runShare(worker, calls * index / groupThreads,
+                                  calls * (index + 1) / groupThreads))
+                        known = false;
+                    std::lock_guard<std::mutex> guard(tallyLock);
+                    host.AddTally(worker.TakeTally());
+                },
+                [] {});
+            return known.load();
         };
         if (!runCalls(count / 10))
             return kExitUsage;
@@ -425,9 +498,10 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
         runCalls(count);
         ULONGLONG elapsedMs = GetTickCount64() - start;
         Footprint after = MeasureFootprint();
-        std::printf("soak %s x%u: handles %lu -> %lu, private bytes %zu -> %zu, %llu ms\n",
-                    call.c_str(), count, before.handles, after.handles, before.privateBytes,
-                    after.privateBytes, elapsedMs);
+        std::printf("soak %s x%u, %u threads: handles %lu -> %lu, private bytes %zu -> %zu, %llu "
+                    "ms\n",
+                    call.c_str(), count, groupThreads, before.handles, after.handles,
+                    before.privateBytes, after.privateBytes, elapsedMs);
         for (const auto& [result, calls] : host.TakeTally())
             std::printf("  %s x%u\n", result.c_str(), calls);
         std::fflush(stdout);
@@ -435,20 +509,92 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count) {
     return 0;
 }
 
-// Removes each "--fault <fault>" after the DLL's path and answers the faults.
-std::vector<std::string> TakeFaultOptions(std::vector<std::string>& arguments) {
-    std::vector<std::string> faults;
-    while (arguments.size() > 3 && arguments[2] == "--fault") {
-        faults.push_back(arguments[3]);
+// What one call printed, on one line: each line end as "\n", a backslash doubled.
+std::string OneLine(const std::string& printed) {
+    std::string line;
+    for (char c : printed)
+        line += c == '\n' ? std::string("\\n") : c == '\\' ? std::string("\\\\") : std::string(1, c);
+    return line;
+}
+
+// `threads` threads, released together, each make `passes` passes over the
+// script, every thread starting at its own line so that different exports run
+// at once. This thread runs the host script meanwhile; the host script's first
+// call runs before the threads are released, so that with no host script the
+// process's very first call is among theirs. Prints "host thread <id>", what
+// the host script's calls print, then per script line (from 0) what its calls
+// gave, each distinct outcome with its count:
+//   outcomes <line> x<calls>: <distinct>
+//     <count> <what the call printed, line ends as "\n", backslashes doubled>
+// and last "concurrent: <n> threads, <calls> calls".
+int RunConcurrent(const Host& prototype, const std::vector<ScriptLine>& script,
+                  const std::vector<ScriptLine>& hostScript, unsigned threads, unsigned passes) {
+    Host host(prototype);
+    std::printf("host thread %lu\n", GetCurrentThreadId());
+    size_t firstHostCalls = std::min<size_t>(1, hostScript.size());
+    if (RunScript(host, {hostScript.begin(), hostScript.begin() + firstHostCalls}) != 0)
+        return kExitUsage;
+    using Outcomes = std::map<std::string, unsigned>;
+    std::vector<std::vector<Outcomes>> seen(threads, std::vector<Outcomes>(script.size()));
+    int hostExit = 0;
+    RunReleasedTogether(
+        threads,
+        [&](unsigned index) {
+            Host worker(prototype);
+            std::string printed;
+            worker.SetCapture(&printed);
+            for (unsigned pass = 0; pass < passes; ++pass)
+                for (size_t i = 0; i < script.size(); ++i) {
+                    size_t line = (i + index) % script.size();
+                    printed.clear();
+                    worker.Run(script[line].first, script[line].second);
+                    ++seen[index][line][printed];
+                }
+        },
+        [&] {
+            hostExit = RunScript(host, {hostScript.begin() + firstHostCalls, hostScript.end()});
+        });
+    for (size_t line = 0; line < script.size(); ++line) {
+        Outcomes merged;
+        for (const std::vector<Outcomes>& thread : seen)
+            for (const auto& [printed, count] : thread[line])
+                merged[printed] += count;
+        std::printf("outcomes %zu x%u: %zu\n", line, threads * passes, merged.size());
+        for (const auto& [printed, count] : merged)
+            std::printf("  %u %s\n", count, OneLine(printed).c_str());
+    }
+    std::printf("concurrent: %u threads, %zu calls\n", threads,
+                static_cast<size_t>(threads) * passes * script.size());
+    return hostExit;
+}
+
+// The options between the DLL's path and the call, removed from `arguments`.
+struct HostOptions {
+    std::vector<std::string> faults; // each "--fault <fault>"
+    unsigned threads = 1;            // "--threads <n>"
+    bool valid = true;
+};
+
+HostOptions TakeHostOptions(std::vector<std::string>& arguments) {
+    HostOptions options;
+    while (arguments.size() > 3 && (arguments[2] == "--fault" || arguments[2] == "--threads")) {
+        if (arguments[2] == "--fault")
+            options.faults.push_back(arguments[3]);
+        else if (IsDecimal(arguments[3]) && arguments[3].size() <= 2 && std::stoul(arguments[3]) - 1 < 64)
+            options.threads = static_cast<unsigned>(std::stoul(arguments[3]));
+        else
+            options.valid = false;
         arguments.erase(arguments.begin() + 2, arguments.begin() + 4);
     }
-    return faults;
+    return options;
 }
 
 int Usage() {
     std::fprintf(stderr, "usage: zephhost <dll path> <call> [argument]\n"
                          "       zephhost <dll path> --script <file>\n"
-                         "       zephhost <dll path> --soak <count> <file>\n"
+                         "       zephhost <dll path> [--threads <n>] --soak <count> <file>\n"
+                         "       zephhost <dll path> --threads <n> --concurrent <passes> <file> "
+                         "[<host file>]\n"
                          "       zephhost <dll path> --sweep <scenario> <first> <calls> <ms>\n"
                          "       zephhost <dll path> --fault \"<fault>\" ... <call> [argument]\n");
     return kExitUsage;
@@ -465,12 +611,14 @@ int main() {
             std::printf("scenario %s\n", name.c_str());
         return 0;
     }
-    std::vector<std::string> faults = TakeFaultOptions(arguments);
-    bool isScript = arguments.size() > 2 && arguments[2] == "--script";
-    bool isSoak = arguments.size() > 2 && arguments[2] == "--soak";
-    bool isSweep = arguments.size() > 2 && arguments[2] == "--sweep";
-    if (arguments.size() < 3 || (isScript && arguments.size() != 4) ||
-        (isSoak && (arguments.size() != 5 || !IsDecimal(arguments[3]))))
+    HostOptions options = TakeHostOptions(arguments);
+    const std::string mode = arguments.size() > 2 ? arguments[2] : std::string();
+    bool isScript = mode == "--script", isSoak = mode == "--soak", isSweep = mode == "--sweep";
+    bool isConcurrent = mode == "--concurrent";
+    bool countGiven = arguments.size() > 3 && IsDecimal(arguments[3]);
+    if (arguments.size() < 3 || !options.valid || (isScript && arguments.size() != 4) ||
+        (isSoak && (arguments.size() != 5 || !countGiven)) ||
+        (isConcurrent && (arguments.size() < 5 || arguments.size() > 6 || !countGiven)))
         return Usage();
     ScopedModule plugin(LoadLibraryW(Widen(arguments[1]).c_str()));
     if (!plugin) {
@@ -483,16 +631,29 @@ int main() {
         return kExitMissingExport;
     }
     Host host(plugin.Get(), exports);
-    for (const std::string& fault : faults)
+    for (const std::string& fault : options.faults)
         if (!host.Run("fault", {fault}))
             return kExitUsage;
-    std::vector<ScriptLine> script;
+    // Wine drops a process's service-manager association when its last handle
+    // closes, and refuses a handle that another thread opens at that moment
+    // (ERROR_INVALID_HANDLE); Windows has no such race. A host whose threads
+    // call at once keeps one connection open so the association stays.
+    ScopedServiceHandle keepsServiceManagerAssociation(
+        options.threads > 1 ? OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT) : nullptr);
+    std::vector<ScriptLine> script, hostScript;
     if ((isScript || isSoak) && !ReadScript(arguments.back(), script))
+        return kExitCannotLoad;
+    if (isConcurrent && (!ReadScript(arguments[4], script) ||
+                         (arguments.size() == 6 && !ReadScript(arguments[5], hostScript))))
         return kExitCannotLoad;
     if (isScript)
         return RunScript(host, script);
     if (isSoak)
-        return RunSoak(host, script, static_cast<unsigned>(std::stoul(arguments[3])));
+        return RunSoak(host, script, static_cast<unsigned>(std::stoul(arguments[3])),
+                       options.threads);
+    if (isConcurrent)
+        return RunConcurrent(host, script, hostScript, options.threads,
+                             static_cast<unsigned>(std::stoul(arguments[3])));
     if (isSweep) {
         if (!host.GateImports())
             return kExitCannotLoad;

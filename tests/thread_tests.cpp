@@ -1,0 +1,181 @@
+// The host's own threads: queries and detection files from many threads at
+// once, from the process's very first call on, and beside the host thread's
+// commands. A lone caller is the reference: every concurrent call must give an
+// outcome a lone caller gets, and the log server must hear exactly the records
+// that the same calls made one after another produce, each one whole.
+#include "CommandExportFixture.h"
+
+#include <map>
+#include <set>
+
+namespace {
+
+const std::wstring kFolder = L"C:\\ZephTestBed\\threads\\";
+const wchar_t kImageOptions[] =
+    L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
+constexpr DWORD kRunTimeoutMs = 10 * 60 * 1000;
+
+using Outcomes = std::map<std::string, unsigned>; // what a call printed -> how often
+using TextCounts = std::map<std::wstring, unsigned>;
+
+Lines QueryCalls() {
+    return {
+        Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}"),
+        Query("ZEPH_ONQUERY_COMMON_SETTINGS"),
+        Query("ZEPH_ONQUERY_SERVICE_STATUS"),
+        Query("ZEPH_ONQUERY_SELF_PROTECTION"),
+    };
+}
+
+// A short and a long valid record, and a file that is not there.
+Lines DetectionCalls() {
+    return {"parselog " + Narrow(kFolder) + "short.log", "parselog " + Narrow(kFolder) + "long.log",
+            "parselog " + Narrow(kFolder) + "missing.log"};
+}
+
+std::string Unescape(const std::string& line) {
+    std::string text;
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '\\' && i + 1 < line.size())
+            text += line[++i] == 'n' ? '\n' : line[i];
+        else
+            text += line[i];
+    }
+    return text;
+}
+
+// What `zephhost --concurrent` reported.
+struct ConcurrentRun {
+    unsigned long hostThread = 0;
+    Lines hostOutput;                  // what the host thread's own calls printed
+    std::vector<Outcomes> outcomes;    // per script line
+    std::string summary;               // "concurrent: <n> threads, <calls> calls"
+    std::vector<LogRecord> records;    // what the log server heard meanwhile
+};
+
+// How the concurrent calls compare with a lone caller's.
+struct Tally {
+    unsigned threads = 0, calls = 0, disturbed = 0, lost = 0, extra = 0, bindings = 0;
+};
+
+class ThreadTest : public CommandExportTest {
+  protected:
+    void SetUp() override {
+        CommandExportTest::SetUp();
+        ASSERT_TRUE(AgentDouble::Run());
+        ASSERT_TRUE(CreateFolderTree(kFolder));
+        const std::string shortRecord = kValidDetectionRecord;
+        // The long form: six more fields after the 26th, none of them checked.
+        std::string longRecord = shortRecord;
+        size_t afterField26 = 0;
+        for (int comma = 0; comma < 26; ++comma)
+            afterField26 = longRecord.find(',', afterField26) + 1;
+        longRecord.insert(afterField26, " any, text here, 6e6f7465, , x, -,");
+        ASSERT_TRUE(WriteFileBytes(kFolder + L"short.log", shortRecord + "\r\n"));
+        ASSERT_TRUE(WriteFileBytes(kFolder + L"long.log", longRecord + "\r\n"));
+    }
+    void TearDown() override {
+        RemoveFolderTree(kFolder);
+        CommandExportTest::TearDown();
+    }
+
+    // `calls` on `threads` threads, `passes` each, beside `hostCalls` on the host's thread.
+    ConcurrentRun RunConcurrent(unsigned threads, unsigned passes, const Lines& calls,
+                                const Lines& hostCalls = {}) {
+        // Each run starts where the lone caller started: the image-options keys
+        // that the self-protection query makes are not there yet.
+        for (const wchar_t* program : {L"TarnAgent.exe", L"hdc.exe"})
+            RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(kImageOptions) + program).c_str());
+        Records(); // only what this run logs
+        std::vector<std::wstring> arguments = {L"--threads", std::to_wstring(threads),
+                                               L"--concurrent", std::to_wstring(passes),
+                                               WriteHostScript(calls, L"threads_calls.txt")};
+        if (!hostCalls.empty())
+            arguments.push_back(WriteHostScript(hostCalls, L"threads_host.txt"));
+        ProcessResult process = RunHost(arguments, kRunTimeoutMs);
+        EXPECT_FALSE(process.timedOut);
+        EXPECT_EQ(process.exitCode, 0u) << process.output;
+        ConcurrentRun run;
+        for (const std::string& line : SplitLines(process.output)) {
+            if (line.rfind("host thread ", 0) == 0)
+                run.hostThread = std::stoul(line.substr(12));
+            else if (line.rfind("outcomes ", 0) == 0)
+                run.outcomes.emplace_back();
+            else if (line.rfind("  ", 0) == 0 && !run.outcomes.empty())
+                run.outcomes.back()[Unescape(line.substr(line.find(' ', 2) + 1))] +=
+                    std::stoul(line.substr(2));
+            else if (line.rfind("concurrent: ", 0) == 0)
+                run.summary = line;
+            else
+                run.hostOutput.push_back(line);
+        }
+        EXPECT_EQ(run.outcomes.size(), calls.size()) << process.output;
+        run.records = Records();
+        return run;
+    }
+
+    // The same calls on many threads and one after another on one, compared. A
+    // lone caller's records repeat with each pass after the first (which binds
+    // and makes the image-options keys), so one pass and two give the count
+    // of every text for any number of passes.
+    Tally CompareWithALoneCaller(unsigned threads, unsigned passes, const Lines& calls) {
+        const unsigned totalPasses = threads * passes;
+        ConcurrentRun concurrent = RunConcurrent(threads, passes, calls);
+        TextCounts once = CountTexts(RunConcurrent(1, 1, calls).records);
+        ConcurrentRun twice = RunConcurrent(1, 2, calls);
+        TextCounts expected = CountTexts(twice.records);
+        for (auto& [text, count] : expected) {
+            EXPECT_GE(count, once[text]) << Narrow(text);
+            count = once[text] + (totalPasses - 1) * (count - once[text]);
+        }
+        Tally tally{threads, totalPasses * unsigned(calls.size())};
+        for (size_t line = 0; line < calls.size() && line < concurrent.outcomes.size(); ++line) {
+            EXPECT_EQ(twice.outcomes[line].size(), 1u) << calls[line];
+            for (const auto& [printed, count] : concurrent.outcomes[line])
+                if (!twice.outcomes[line].count(printed)) {
+                    tally.disturbed += count;
+                    ADD_FAILURE() << count << " x " << calls[line] << " gave\n" << printed;
+                }
+        }
+        TextCounts heard = CountTexts(concurrent.records);
+        // A torn record counts as one extra and one lost.
+        for (const auto& [text, count] : expected)
+            tally.lost += count > heard[text] ? count - heard[text] : 0;
+        for (const auto& [text, count] : heard)
+            tally.extra += count > expected[text] ? count - expected[text] : 0;
+        for (const auto& [text, count] : heard)
+            EXPECT_EQ(count, expected[text]) << Narrow(text);
+        tally.bindings = heard[kBindingText];
+        EXPECT_EQ(expected[kBindingText], 1u);
+        return tally;
+    }
+
+    static TextCounts CountTexts(const std::vector<LogRecord>& records) {
+        TextCounts counts;
+        for (const LogRecord& record : records)
+            ++counts[record.parsed ? record.text : L"unparsed " + record.raw];
+        return counts;
+    }
+
+    // The binding's own message: the host library's signature check, once per process.
+    static inline const std::wstring kBindingText =
+        Widen(P) + L"CheckFileIssuer - Checking whether file (C:\\ZephTestBed\\Corvale\\"
+                   L"zephAgent_64x.dll) is signed by issuer (Quorvane, Inc.)";
+};
+
+TEST_F(ThreadTest, QueriesAndDetectionFilesFromManyThreadsFromTheFirstCall) {
+    Lines calls = QueryCalls();
+    for (const std::string& call : DetectionCalls())
+        calls.push_back(call);
+    const struct {
+        unsigned threads, passes;
+    } cases[] = {{8, 40}};
+    for (const auto& c : cases) {
+        Tally tally = CompareWithALoneCaller(c.threads, c.passes, calls);
+        std::printf("threads: %u threads, %u calls, %u disturbed, %u lost, %u extra, %u bindings\n",
+                    tally.threads, tally.calls, tally.disturbed, tally.lost, tally.extra,
+                    tally.bindings);
+    }
+}
+
+} // namespace
