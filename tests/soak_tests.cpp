@@ -1,5 +1,6 @@
 // Ten thousand calls of each JSON export and of zephExt_ParseLog in one host
-// process, with the agent, HTTP library and log server doubles answering:
+// process, queries and detection files from eight threads at once, with the
+// agent, HTTP library and log server doubles answering:
 // after warm-up the host's private bytes must not grow, its handles only by
 // the one key handle per self-protection query that stays open by design,
 // and every call must keep giving the result the first ones gave.
@@ -11,6 +12,7 @@
 namespace {
 
 constexpr unsigned kCalls = 10000;
+constexpr unsigned kThreads = 8;
 // A leak of one handle per 2,500 calls, or of 26 bytes per call, shows.
 constexpr unsigned long kHandleSlack = 3;
 constexpr unsigned long long kPrivateBytesSlack = 256 * 1024;
@@ -70,7 +72,8 @@ class SoakTest : public ::testing::Test {
 };
 
 TEST_F(SoakTest, TenThousandCallsOfEachExportLeakNoHandleAndNoMemory) {
-    ProcessResult run = RunHost({L"--soak", std::to_wstring(kCalls), WriteHostScript(SoakScript())},
+    ProcessResult run = RunHost({L"--threads", std::to_wstring(kThreads), L"--soak",
+                                 std::to_wstring(kCalls), WriteHostScript(SoakScript())},
                                 20 * 60 * 1000);
     ASSERT_FALSE(run.timedOut);
     ASSERT_EQ(run.exitCode, 0u) << run.output;
@@ -83,20 +86,22 @@ TEST_F(SoakTest, TenThousandCallsOfEachExportLeakNoHandleAndNoMemory) {
     // keys, as it always has: one key handle stays open per call.
     const struct {
         const char* call;
+        unsigned threads;
         unsigned long keptOpen;
         const char* results;
     } groups[] = {
-        {"query", kCalls / 5, "  zephExt_Free -> 0 x10000\n  zephExt_OnQueryData -> 0 x10000\n"},
-        {"command", 0, "  zephExt_OnCommand -> 0 x7500\n  zephExt_OnCommand -> 2 x2500\n"},
-        {"notify", 0, "  zephExt_OnNotify -> 0 x6667\n  zephExt_OnNotify -> 2 x3333\n"},
-        {"parselog", 0,
+        {"query", kThreads, kCalls / 5,
+         "  zephExt_Free -> 0 x10000\n  zephExt_OnQueryData -> 0 x10000\n"},
+        {"command", 1, 0, "  zephExt_OnCommand -> 0 x7500\n  zephExt_OnCommand -> 2 x2500\n"},
+        {"notify", 1, 0, "  zephExt_OnNotify -> 0 x6667\n  zephExt_OnNotify -> 2 x3333\n"},
+        {"parselog", kThreads, 0,
          "  zephExt_Free -> 0 x5000\n  zephExt_ParseLog -> 0 x5000\n"
          "  zephExt_ParseLog -> 4294967295 x5000\n"},
     };
     for (const auto& group : groups) {
         const std::regex report(
-            "soak " + std::string(group.call) +
-            R"( x\d+: handles (\d+) -> (\d+), private bytes (\d+) -> (\d+), \d+ ms\n)" +
+            "soak " + std::string(group.call) + R"( x\d+, )" + std::to_string(group.threads) +
+            R"( threads: handles (\d+) -> (\d+), private bytes (\d+) -> (\d+), \d+ ms\n)" +
             group.results + "(?!  )");
         std::smatch match;
         ASSERT_TRUE(std::regex_search(run.output, match, report)) << group.call;

@@ -47,10 +47,10 @@ std::string Unescape(const std::string& line) {
 // What `zephhost --concurrent` reported.
 struct ConcurrentRun {
     unsigned long hostThread = 0;
-    Lines hostOutput;                  // what the host thread's own calls printed
-    std::vector<Outcomes> outcomes;    // per script line
-    std::string summary;               // "concurrent: <n> threads, <calls> calls"
-    std::vector<LogRecord> records;    // what the log server heard meanwhile
+    Lines hostOutput;               // what the host thread's own calls printed
+    std::vector<Outcomes> outcomes; // per script line
+    std::string summary;            // "concurrent: <n> threads, <calls> calls"
+    std::vector<LogRecord> records; // what the log server heard meanwhile
 };
 
 // How the concurrent calls compare with a lone caller's.
@@ -157,25 +157,107 @@ class ThreadTest : public CommandExportTest {
         return counts;
     }
 
+    // What each query of a --script run printed, in order, as a concurrent host captures it.
+    static Lines QueryAnswers(const Lines& output) {
+        Lines answers;
+        bool open = false;
+        for (const std::string& line : output) {
+            if (line.rfind("zephExt_OnQueryData -> ", 0) == 0) {
+                answers.emplace_back();
+                open = true;
+            }
+            if (open)
+                answers.back() += line + "\n";
+            open = open && line.rfind("zephExt_Free -> ", 0) != 0 && line != "response: null";
+        }
+        return answers;
+    }
+
+    // The agent installed and stopped, its settings file empty, nothing reported yet.
+    static void ResetTheAgent(const AgentDouble::Behaviour& behaviour = {}) {
+        AgentDouble::Remove();
+        TestBedRegistry::DeleteTree(kAgentKey);
+        ASSERT_TRUE(AgentDouble::Install(behaviour));
+        MakeConfigFolder();
+    }
+
+    // The frames without their time stamps.
+    static Lines FramesUnstamped() {
+        Lines frames = AgentDouble::ReceivedFrames();
+        for (std::string& frame : frames)
+            frame.erase(20, 16);
+        return frames;
+    }
+
     // The binding's own message: the host library's signature check, once per process.
     static inline const std::wstring kBindingText =
         Widen(P) + L"CheckFileIssuer - Checking whether file (C:\\ZephTestBed\\Corvale\\"
                    L"zephAgent_64x.dll) is signed by issuer (Quorvane, Inc.)";
 };
 
-TEST_F(ThreadTest, QueriesAndDetectionFilesFromManyThreadsFromTheFirstCall) {
+// The widest case, which scripts/threads runs: 8 threads x 179 passes x 7 calls.
+TEST_F(ThreadTest, TenThousandQueriesAndDetectionFilesOnEightThreadsFromTheFirstCall) {
     Lines calls = QueryCalls();
     for (const std::string& call : DetectionCalls())
         calls.push_back(call);
-    const struct {
-        unsigned threads, passes;
-    } cases[] = {{8, 40}};
-    for (const auto& c : cases) {
-        Tally tally = CompareWithALoneCaller(c.threads, c.passes, calls);
-        std::printf("threads: %u threads, %u calls, %u disturbed, %u lost, %u extra, %u bindings\n",
-                    tally.threads, tally.calls, tally.disturbed, tally.lost, tally.extra,
-                    tally.bindings);
+    Tally tally = CompareWithALoneCaller(8, 179, calls);
+    EXPECT_GE(tally.calls, 10000u);
+    EXPECT_EQ(tally.bindings, 1u);
+    std::printf("threads: %u threads, %u calls, %u disturbed, %u lost, %u extra, %u bindings\n",
+                tally.threads, tally.calls, tally.disturbed, tally.lost, tally.extra,
+                tally.bindings);
+}
+
+TEST_F(ThreadTest, QueriesBesideTheHostThreadsCommands) {
+    // "prereq" binds before the other threads are released, in both runs.
+    const Lines commands = {
+        "prereq",  Service("ZEPH_TYPE_IAGT_START"), Policy(1), SelfProtection(1), MoveClient(),
+        Policy(4), Service("ZEPH_TYPE_IAGT_STOP")};
+    const Lines queries = QueryCalls();
+
+    // A lone caller's answers in every state the commands pass through: between
+    // any two of them, and while the service starts.
+    std::vector<std::set<std::string>> lone(queries.size());
+    auto addLoneAnswers = [&](const Lines& script) {
+        Lines answers = QueryAnswers(SplitLines(RunHostScript(script).output));
+        for (size_t i = 0; i < answers.size(); ++i)
+            lone[i % queries.size()].insert(answers[i]);
+    };
+    AgentDouble::Behaviour slowStart;
+    slowStart.startDelayMs = 5000;
+    ResetTheAgent(slowStart);
+    ASSERT_TRUE(AgentDouble::Start(SERVICE_START_PENDING));
+    addLoneAnswers(queries);
+    ResetTheAgent();
+    Lines interleaved = queries;
+    for (const std::string& command : commands) {
+        interleaved.push_back(command);
+        interleaved.insert(interleaved.end(), queries.begin(), queries.end());
     }
+    addLoneAnswers(interleaved);
+
+    // The commands alone: what they print, the frames and the records.
+    ResetTheAgent();
+    Records();
+    Lines aloneOutput = SplitLines(RunHostScript(commands).output);
+    Lines aloneFrames = FramesUnstamped();
+    Lines aloneRecords;
+    for (const LogRecord& record : Records())
+        aloneRecords.push_back(Narrow(record.text));
+
+    ResetTheAgent();
+    ConcurrentRun run = RunConcurrent(8, 40, queries, commands);
+    EXPECT_EQ(Text(run.hostOutput), Text(aloneOutput));
+    EXPECT_EQ(FramesUnstamped(), aloneFrames);
+    Lines hostRecords;
+    for (const LogRecord& record : run.records)
+        if (record.threadId == run.hostThread)
+            hostRecords.push_back(Narrow(record.text));
+    EXPECT_EQ(Text(hostRecords), Text(aloneRecords));
+    for (size_t i = 0; i < queries.size() && i < run.outcomes.size(); ++i)
+        for (const auto& [printed, count] : run.outcomes[i])
+            EXPECT_TRUE(lone[i].count(printed)) << count << " x " << queries[i] << " gave\n"
+                                                << printed;
 }
 
 } // namespace

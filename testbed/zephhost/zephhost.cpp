@@ -513,7 +513,9 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count, u
 std::string OneLine(const std::string& printed) {
     std::string line;
     for (char c : printed)
-        line += c == '\n' ? std::string("\\n") : c == '\\' ? std::string("\\\\") : std::string(1, c);
+        line += c == '\n'   ? std::string("\\n")
+                : c == '\\' ? std::string("\\\\")
+                            : std::string(1, c);
     return line;
 }
 
@@ -580,7 +582,8 @@ HostOptions TakeHostOptions(std::vector<std::string>& arguments) {
     while (arguments.size() > 3 && (arguments[2] == "--fault" || arguments[2] == "--threads")) {
         if (arguments[2] == "--fault")
             options.faults.push_back(arguments[3]);
-        else if (IsDecimal(arguments[3]) && arguments[3].size() <= 2 && std::stoul(arguments[3]) - 1 < 64)
+        else if (IsDecimal(arguments[3]) && arguments[3].size() <= 2 &&
+                 std::stoul(arguments[3]) - 1 < 64)
             options.threads = static_cast<unsigned>(std::stoul(arguments[3]));
         else
             options.valid = false;
