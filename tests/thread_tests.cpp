@@ -15,7 +15,6 @@ const wchar_t kImageOptions[] =
     L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 constexpr DWORD kRunTimeoutMs = 10 * 60 * 1000;
 
-using Outcomes = std::map<std::string, unsigned>; // what a call printed -> how often
 using TextCounts = std::map<std::wstring, unsigned>;
 
 Lines QueryCalls() {
@@ -32,26 +31,6 @@ Lines DetectionCalls() {
     return {"parselog " + Narrow(kFolder) + "short.log", "parselog " + Narrow(kFolder) + "long.log",
             "parselog " + Narrow(kFolder) + "missing.log"};
 }
-
-std::string Unescape(const std::string& line) {
-    std::string text;
-    for (size_t i = 0; i < line.size(); ++i) {
-        if (line[i] == '\\' && i + 1 < line.size())
-            text += line[++i] == 'n' ? '\n' : line[i];
-        else
-            text += line[i];
-    }
-    return text;
-}
-
-// What `zephhost --concurrent` reported.
-struct ConcurrentRun {
-    unsigned long hostThread = 0;
-    Lines hostOutput;               // what the host thread's own calls printed
-    std::vector<Outcomes> outcomes; // per script line
-    std::string summary;            // "concurrent: <n> threads, <calls> calls"
-    std::vector<LogRecord> records; // what the log server heard meanwhile
-};
 
 // How the concurrent calls compare with a lone caller's.
 struct Tally {
@@ -79,7 +58,7 @@ class ThreadTest : public CommandExportTest {
         CommandExportTest::TearDown();
     }
 
-    // `calls` on `threads` threads, `passes` each, beside `hostCalls` on the host's thread.
+    // RunConcurrentHost with the records the log server heard meanwhile.
     ConcurrentRun RunConcurrent(unsigned threads, unsigned passes, const Lines& calls,
                                 const Lines& hostCalls = {}) {
         // Each run starts where the lone caller started: the image-options keys
@@ -87,29 +66,9 @@ class ThreadTest : public CommandExportTest {
         for (const wchar_t* program : {L"TarnAgent.exe", L"hdc.exe"})
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(kImageOptions) + program).c_str());
         Records(); // only what this run logs
-        std::vector<std::wstring> arguments = {L"--threads", std::to_wstring(threads),
-                                               L"--concurrent", std::to_wstring(passes),
-                                               WriteHostScript(calls, L"threads_calls.txt")};
-        if (!hostCalls.empty())
-            arguments.push_back(WriteHostScript(hostCalls, L"threads_host.txt"));
-        ProcessResult process = RunHost(arguments, kRunTimeoutMs);
-        EXPECT_FALSE(process.timedOut);
-        EXPECT_EQ(process.exitCode, 0u) << process.output;
-        ConcurrentRun run;
-        for (const std::string& line : SplitLines(process.output)) {
-            if (line.rfind("host thread ", 0) == 0)
-                run.hostThread = std::stoul(line.substr(12));
-            else if (line.rfind("outcomes ", 0) == 0)
-                run.outcomes.emplace_back();
-            else if (line.rfind("  ", 0) == 0 && !run.outcomes.empty())
-                run.outcomes.back()[Unescape(line.substr(line.find(' ', 2) + 1))] +=
-                    std::stoul(line.substr(2));
-            else if (line.rfind("concurrent: ", 0) == 0)
-                run.summary = line;
-            else
-                run.hostOutput.push_back(line);
-        }
-        EXPECT_EQ(run.outcomes.size(), calls.size()) << process.output;
+        ConcurrentRun run = RunConcurrentHost(threads, passes, calls, hostCalls, kRunTimeoutMs);
+        EXPECT_TRUE(run.completed) << Text(run.hostOutput);
+        EXPECT_EQ(run.outcomes.size(), calls.size()) << Text(run.hostOutput);
         run.records = Records();
         return run;
     }
@@ -155,22 +114,6 @@ class ThreadTest : public CommandExportTest {
         for (const LogRecord& record : records)
             ++counts[record.parsed ? record.text : L"unparsed " + record.raw];
         return counts;
-    }
-
-    // What each query of a --script run printed, in order, as a concurrent host captures it.
-    static Lines QueryAnswers(const Lines& output) {
-        Lines answers;
-        bool open = false;
-        for (const std::string& line : output) {
-            if (line.rfind("zephExt_OnQueryData -> ", 0) == 0) {
-                answers.emplace_back();
-                open = true;
-            }
-            if (open)
-                answers.back() += line + "\n";
-            open = open && line.rfind("zephExt_Free -> ", 0) != 0 && line != "response: null";
-        }
-        return answers;
     }
 
     // The agent installed and stopped, its settings file empty, nothing reported yet.

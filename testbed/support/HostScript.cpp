@@ -64,3 +64,64 @@ std::string Query(const std::string& id, const std::string& data) {
     return "query {\"query_id\":\"" + id +
            "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"query_data\":" + data + "}";
 }
+
+namespace {
+
+// Undoes the one-line form: a backslash and an "n" were a line end, two backslashes one.
+std::string Unescape(const std::string& line) {
+    std::string text;
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '\\' && i + 1 < line.size())
+            text += line[++i] == 'n' ? '\n' : line[i];
+        else
+            text += line[i];
+    }
+    return text;
+}
+
+bool StartsWith(const std::string& line, const char* prefix) {
+    return line.rfind(prefix, 0) == 0;
+}
+
+} // namespace
+
+ConcurrentRun RunConcurrentHost(unsigned threads, unsigned passes,
+                                const std::vector<std::string>& calls,
+                                const std::vector<std::string>& hostCalls, DWORD timeoutMs) {
+    std::vector<std::wstring> arguments = {L"--threads", std::to_wstring(threads), L"--concurrent",
+                                           std::to_wstring(passes),
+                                           WriteHostScript(calls, L"threads_calls.txt")};
+    if (!hostCalls.empty())
+        arguments.push_back(WriteHostScript(hostCalls, L"threads_host.txt"));
+    ProcessResult process = RunHost(arguments, timeoutMs);
+    ConcurrentRun run;
+    for (const std::string& line : SplitLines(process.output)) {
+        if (StartsWith(line, "host thread "))
+            run.hostThread = std::stoul(line.substr(12));
+        else if (StartsWith(line, "outcomes "))
+            run.outcomes.emplace_back();
+        else if (StartsWith(line, "  ") && !run.outcomes.empty())
+            run.outcomes.back()[Unescape(line.substr(line.find(' ', 2) + 1))] +=
+                std::stoul(line.substr(2));
+        else if (StartsWith(line, "concurrent: "))
+            run.completed = !process.timedOut && process.exitCode == 0;
+        else
+            run.hostOutput.push_back(line);
+    }
+    return run;
+}
+
+std::vector<std::string> QueryAnswers(const std::vector<std::string>& output) {
+    std::vector<std::string> answers;
+    bool open = false;
+    for (const std::string& line : output) {
+        if (StartsWith(line, "zephExt_OnQueryData -> ")) {
+            answers.emplace_back();
+            open = true;
+        }
+        if (open)
+            answers.back() += line + "\n";
+        open = open && !StartsWith(line, "zephExt_Free -> ") && line != "response: null";
+    }
+    return answers;
+}

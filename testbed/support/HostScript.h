@@ -2,7 +2,10 @@
 // Driving the plug-in as the host does: zephhost.exe loads the DLL beside the
 // suites in a fresh process and makes one call from its command line or each
 // call of a script, "<call> <argument>" a line.
+#include "LogServer.h"
 #include "TestBed.h"
+
+#include <map>
 
 // zephhost.exe with the plug-in and `arguments` ("query <json>", "prereq", ...).
 ProcessResult RunHost(const std::vector<std::wstring>& arguments, DWORD timeoutMs = 60000);
@@ -21,3 +24,21 @@ std::string Policy(int flag);
 std::string SelfProtection(int service);
 std::string MoveClient();
 std::string Query(const std::string& id, const std::string& data = "{}");
+
+// What `zephhost --threads <n> --concurrent` reported.
+struct ConcurrentRun {
+    unsigned long hostThread = 0;
+    std::vector<std::string> hostOutput; // what the host thread's own calls printed
+    // Per line of the calls: what a call printed -> how many calls printed it.
+    std::vector<std::map<std::string, unsigned>> outcomes;
+    bool completed = false;         // exit code 0 and the closing line printed
+    std::vector<LogRecord> records; // filled by callers that listen to the log server
+};
+// `calls` on `threads` threads released together, `passes` each, beside
+// `hostCalls` on the host's thread.
+ConcurrentRun RunConcurrentHost(unsigned threads, unsigned passes,
+                                const std::vector<std::string>& calls,
+                                const std::vector<std::string>& hostCalls, DWORD timeoutMs);
+// What each query of a --script run's output printed, in order, as a
+// concurrent host captures it.
+std::vector<std::string> QueryAnswers(const std::vector<std::string>& output);
