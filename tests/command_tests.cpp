@@ -143,13 +143,16 @@ TEST_F(CommandExportTest, PolicyFlagsWithoutARunningAgent) {
 TEST_F(CommandExportTest, EnableAndDisableARunningAgent) {
     ASSERT_TRUE(AgentDouble::Run());
     MakeConfigFolder();
+    EXPECT_EQ(Host({Policy(1)}), Lines{CommandResult(0)});
+    EXPECT_EQ(ServiceStatusValue(), 1u);
+    PluginLog();
     EXPECT_EQ(Host({Policy(1), Policy(2)}), (Lines{CommandResult(0), CommandResult(0)}));
     std::vector<std::string> frames = AgentDouble::ReceivedFrames();
-    ASSERT_EQ(frames.size(), 3u);
-    // notify, clear driver configuration, stop: identifiers 1 to 3
-    ExpectFrame(frames[0], 1, 1);
-    ExpectFrame(frames[1], 105, 2);
-    ExpectFrame(frames[2], 3, 3);
+    ASSERT_EQ(frames.size(), 4u);
+    // The first process's notify; then notify, clear driver configuration, stop: identifiers 1 to 3
+    ExpectFrame(frames[1], 1, 1);
+    ExpectFrame(frames[2], 105, 2);
+    ExpectFrame(frames[3], 3, 3);
     EXPECT_EQ(AgentDouble::State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(ServiceStatusValue(), 0u);
     EXPECT_EQ(IniEnabled(), "0");
@@ -178,6 +181,16 @@ TEST_F(CommandExportTest, AFailedDisableIsReportedOrTheCloudPolicyDropped) {
                "E ClearDriverConfig - clearConfig - return code in ResponseCommand is failed. (7)",
                "E handleNotifyFlag - Fail to clear driver config. ret=7",
                "E handleNotifyFlag - Unable to clear driver config. ret=7"}));
+
+    // A report that cannot be delivered fails the command.
+    QvsockDouble::Behaviour undelivered;
+    undelivered.sendResult = 0;
+    ASSERT_TRUE(QvsockDouble::SetBehaviour(undelivered));
+    EXPECT_EQ(Host({Policy(2)}), Lines{CommandResult(1)});
+    ExpectAmong(PluginComplaints(),
+                {"E handleNotifyFlag - Unable to send NotifyResult. type=1, result=-1",
+                 "E HandleCommand - Unable to handle notify flag: 2"});
+    ASSERT_TRUE(QvsockDouble::SetBehaviour({}));
 
     // Opted in to the cloud console's policy: nothing is sent, its copy goes.
     QvsockDouble::ClearJournal();

@@ -201,6 +201,14 @@ TEST_F(RegistryTest, SetValueWithCreateMakesAMissingKeyUnderLocalMachine) {
                              "\\ServiceStatus', err=2\n\n");
     EXPECT_EQ(logged[3].rfind("E utilRegKey::SetValueWithCreate - SetValue Fail Error(", 0), 0u)
         << logged[3];
+
+    // A key the registry cannot make (a name longer than 255 characters) answers false.
+    const std::wstring tooLong = kFullKey + L"\\" + std::wstring(300, L'k');
+    EXPECT_FALSE(utilRegKey(tooLong, 0).SetValueWithCreate(L"ServiceStatus", &number));
+    logged = Logged();
+    ASSERT_EQ(logged.size(), 2u);
+    EXPECT_EQ(logged[1].rfind("E utilRegKey::SetValueWithCreate - CreateKey Fail Error(", 0), 0u)
+        << logged[1];
 }
 
 } // namespace
