@@ -476,11 +476,15 @@ int RunSoak(Host& host, const std::vector<ScriptLine>& script, unsigned count, u
         auto runCalls = [&](unsigned calls) {
             if (groupThreads == 1)
                 return runShare(host, 0, calls);
+            // Each worker starts from a copy of the host made before any of them
+            // runs, with an empty tally, and adds its own tally when done.
+            Host prototype(host);
+            prototype.TakeTally();
             std::atomic<bool> known{true};
             RunReleasedTogether(
                 groupThreads,
                 [&](unsigned index) {
-                    Host worker(host);
+                    Host worker(prototype);
                     if (!runShare(worker, calls * index / groupThreads,
                                   calls * (index + 1) / groupThreads))
                         known = false;
