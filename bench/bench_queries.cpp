@@ -26,8 +26,6 @@ constexpr int kCalls = 5;
 constexpr int kRounds = 61;
 const wchar_t kLogPipe[] = L"\\\\.\\pipe\\Log_ServerNamePipe";
 const wchar_t kProductKey[] = L"SOFTWARE\\Wow6432Node\\Quorvane\\HalvaneNTCorp\\CurrentVersion";
-const wchar_t kImageOptionsKey[] =
-    L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 const std::wstring kClientFolder = AgentDouble::kClientFolder;
 const std::wstring kAgentExecutable = kClientFolder + L"\\TarnAgent.exe";
 

@@ -10,8 +10,6 @@
 namespace {
 
 const std::string kClientFolder = "C:\\\\ZephTestBed\\\\iService\\\\Tarn"; // as JSON text
-const wchar_t kImageOptions[] =
-    L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
 
 // The simulated parent product and the agent double, set up and removed per case.
 class QueryTest : public AgentControlTest {
@@ -124,8 +122,8 @@ TEST_F(QueryTest, SettingsComeFromTheAgentsIniFile) {
 }
 
 TEST_F(QueryTest, SelfProtectionListsTheAgentsFootprintAndMakesMissingImageOptionsKeys) {
-    const std::wstring agentKey = std::wstring(kImageOptions) + L"TarnAgent.exe";
-    const std::wstring hdcKey = std::wstring(kImageOptions) + L"hdc.exe";
+    const std::wstring agentKey = std::wstring(kImageOptionsKey) + L"TarnAgent.exe";
+    const std::wstring hdcKey = std::wstring(kImageOptionsKey) + L"hdc.exe";
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, agentKey.c_str());
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, hdcKey.c_str());
 

@@ -19,21 +19,13 @@ constexpr unsigned long long kPrivateBytesSlack = 256 * 1024;
 
 const std::wstring kFolder = L"C:\\ZephTestBed\\soak\\";
 
-const char kValidRecord[] =
-    "f, 0, 1, 00:1A:2B:3C:4D:5E, IP, 00-1A-2B-3C-4D-5F, 00 1A 2B 3C 4D 60, TCP, SYN ACK, "
-    "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
-    "0x474554, , 1, 1700000000, 1699999999";
-
 // Every path a host meets in a day: each query, a start of the running agent,
 // a policy that talks to the agent and one that writes its configuration,
 // notices to the agent and to the server, a valid and a missing detection
 // file, and requests that are not JSON.
 std::vector<std::string> SoakScript() {
-    return {
-        Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}"),
-        Query("ZEPH_ONQUERY_COMMON_SETTINGS"),
-        Query("ZEPH_ONQUERY_SERVICE_STATUS"),
-        Query("ZEPH_ONQUERY_SELF_PROTECTION"),
+    std::vector<std::string> script = EveryQuery();
+    std::vector<std::string> others = {
         "query {\"query_id\":",
         Service("ZEPH_TYPE_IAGT_START"),
         Policy(1),
@@ -45,6 +37,8 @@ std::vector<std::string> SoakScript() {
         "parselog " + Narrow(kFolder) + "valid.log",
         "parselog " + Narrow(kFolder) + "invalid.log",
     };
+    script.insert(script.end(), others.begin(), others.end());
+    return script;
 }
 
 class SoakTest : public ::testing::Test {
@@ -57,7 +51,8 @@ class SoakTest : public ::testing::Test {
         ASSERT_TRUE(QvsockDouble::SetBehaviour({}));
         ASSERT_TRUE(AgentDouble::Run());
         ASSERT_TRUE(CreateFolderTree(kFolder));
-        ASSERT_TRUE(WriteFileBytes(kFolder + L"valid.log", kValidRecord + std::string("\r\n")));
+        ASSERT_TRUE(
+            WriteFileBytes(kFolder + L"valid.log", kValidDetectionRecord + std::string("\r\n")));
         ASSERT_TRUE(WriteFileBytes(kFolder + L"invalid.log", "f, 0, 1\r\n"));
     }
     void TearDown() override {

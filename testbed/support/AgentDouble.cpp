@@ -197,6 +197,13 @@ std::vector<std::string> ReceivedFrames() {
     return frames;
 }
 
+std::vector<std::string> ReceivedFramesUnstamped() {
+    std::vector<std::string> frames = ReceivedFrames();
+    for (std::string& frame : frames)
+        frame.erase(20, 16);
+    return frames;
+}
+
 std::vector<std::string> Journal() {
     return JournalLines(kAgentJournal);
 }

@@ -82,6 +82,8 @@ void Remove();
 // Every frame the service read from the agent pipe, whole and in order (one
 // pipe message each), from the journal.
 std::vector<std::string> ReceivedFrames();
+// The same, each without its 16-byte time stamp, so frames of two runs compare.
+std::vector<std::string> ReceivedFramesUnstamped();
 
 // Lines of the double's journal in the order written ("install", "delete",
 // "service start", "service stop", "control <n>", and once a client has

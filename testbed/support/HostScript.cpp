@@ -60,6 +60,15 @@ std::string MoveClient() {
            "\"ZEPH_IPRODUCT_TARN\",\"notify_data\":{\"notify_type\":\"ZEPH_TYPE_SERVER_INFO\"}}";
 }
 
+std::vector<std::string> EveryQuery() {
+    return {
+        Query("ZEPH_ONQUERY_CLIENT_STATUS_LOG", "{\"query_type\":\"ZEPH_CLIENT_ALL_STATUS_LOG\"}"),
+        Query("ZEPH_ONQUERY_COMMON_SETTINGS"),
+        Query("ZEPH_ONQUERY_SERVICE_STATUS"),
+        Query("ZEPH_ONQUERY_SELF_PROTECTION"),
+    };
+}
+
 std::string Query(const std::string& id, const std::string& data) {
     return "query {\"query_id\":\"" + id +
            "\",\"product_id\":\"ZEPH_IPRODUCT_TARN\",\"query_data\":" + data + "}";
@@ -124,4 +133,53 @@ std::vector<std::string> QueryAnswers(const std::vector<std::string>& output) {
         open = open && !StartsWith(line, "zephExt_Free -> ") && line != "response: null";
     }
     return answers;
+}
+
+ThreadTally CompareWithLoneRuns(const ConcurrentRun& concurrent, const ConcurrentRun& once,
+                                const ConcurrentRun& twice, unsigned threads, unsigned passes,
+                                const std::vector<std::string>& calls,
+                                const std::wstring& bindingText) {
+    const unsigned totalPasses = threads * passes;
+    ThreadTally tally;
+    tally.threads = threads;
+    tally.calls = totalPasses * static_cast<unsigned>(calls.size());
+    LogServer::TextCounts first = LogServer::CountTexts(once.records);
+    LogServer::TextCounts expected = LogServer::CountTexts(twice.records);
+    for (auto& [text, count] : expected) {
+        if (count < first[text])
+            tally.differences.push_back("a lone caller logs less in two passes: " + Narrow(text));
+        count = first[text] + (totalPasses - 1) * (count - first[text]);
+    }
+    for (size_t line = 0;
+         line < calls.size() && line < concurrent.outcomes.size() && line < twice.outcomes.size();
+         ++line) {
+        if (twice.outcomes[line].size() != 1)
+            tally.differences.push_back("a lone caller gets more than one outcome: " + calls[line]);
+        for (const auto& [printed, count] : concurrent.outcomes[line])
+            if (!twice.outcomes[line].count(printed)) {
+                tally.disturbed += count;
+                tally.differences.push_back(std::to_string(count) + " x " + calls[line] +
+                                            " gave\n" + printed);
+            }
+    }
+    LogServer::TextCounts heard = LogServer::CountTexts(concurrent.records);
+    for (const auto& [text, count] : expected)
+        tally.lost += count > heard[text] ? count - heard[text] : 0;
+    for (const auto& [text, count] : heard) {
+        tally.extra += count > expected[text] ? count - expected[text] : 0;
+        if (count != expected[text])
+            tally.differences.push_back(std::to_string(count) + " records, not " +
+                                        std::to_string(expected[text]) + ": " + Narrow(text));
+    }
+    tally.bindings = heard[bindingText];
+    if (expected[bindingText] != 1)
+        tally.differences.push_back("a lone caller's binding message is not there once");
+    return tally;
+}
+
+std::string Summary(const ThreadTally& tally) {
+    return "threads: " + std::to_string(tally.threads) + " threads, " +
+           std::to_string(tally.calls) + " calls, " + std::to_string(tally.disturbed) +
+           " disturbed, " + std::to_string(tally.lost) + " lost, " + std::to_string(tally.extra) +
+           " extra, " + std::to_string(tally.bindings) + " bindings";
 }

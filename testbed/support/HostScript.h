@@ -24,6 +24,8 @@ std::string Policy(int flag);
 std::string SelfProtection(int service);
 std::string MoveClient();
 std::string Query(const std::string& id, const std::string& data = "{}");
+// The four queries, each with the data it needs.
+std::vector<std::string> EveryQuery();
 
 // What `zephhost --threads <n> --concurrent` reported.
 struct ConcurrentRun {
@@ -39,6 +41,22 @@ struct ConcurrentRun {
 ConcurrentRun RunConcurrentHost(unsigned threads, unsigned passes,
                                 const std::vector<std::string>& calls,
                                 const std::vector<std::string>& hostCalls, DWORD timeoutMs);
+// How calls made from many threads compare with the same calls of a lone caller.
+struct ThreadTally {
+    unsigned threads = 0, calls = 0, disturbed = 0, lost = 0, extra = 0, bindings = 0;
+    std::vector<std::string> differences; // one text each; none when the runs agree
+};
+// `concurrent` made `passes` passes over `calls` on each of `threads`, `once` and `twice`
+// are a lone caller's runs of one and two passes, each with its records. Every
+// pass of a lone caller after the first (which binds and makes what the calls
+// make) repeats its records, so the two give the count of every text for any
+// number of passes; a torn record counts as one lost and one extra.
+ThreadTally CompareWithLoneRuns(const ConcurrentRun& concurrent, const ConcurrentRun& once,
+                                const ConcurrentRun& twice, unsigned threads, unsigned passes,
+                                const std::vector<std::string>& calls,
+                                const std::wstring& bindingText);
+// "threads: <n> threads, <n> calls, <n> disturbed, <n> lost, <n> extra, <n> bindings"
+std::string Summary(const ThreadTally& tally);
 // What each query of a --script run's output printed, in order, as a
 // concurrent host captures it.
 std::vector<std::string> QueryAnswers(const std::vector<std::string>& output);

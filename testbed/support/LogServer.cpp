@@ -195,6 +195,13 @@ bool LogServer::Sync(DWORD timeoutMs) {
     return false;
 }
 
+LogServer::TextCounts LogServer::CountTexts(const std::vector<LogRecord>& records) {
+    TextCounts counts;
+    for (const LogRecord& record : records)
+        ++counts[record.parsed ? record.text : L"unparsed " + record.raw];
+    return counts;
+}
+
 std::vector<LogRecord> LogServer::Records() {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_records;

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -48,6 +49,10 @@ class LogServer {
     // False when the pipe can't be made or another server already has it.
     bool Start();
     void Stop();
+
+    using TextCounts = std::map<std::wstring, unsigned>;
+    // How many records carry each text (an unparsed one counts by its raw form).
+    static TextCounts CountTexts(const std::vector<LogRecord>& records);
 
     // Waits until every record sent before this call has been received.
     bool Sync(DWORD timeoutMs = 15000);

@@ -9,6 +9,17 @@ const char kValidDetectionRecord[] =
     "192.168.0.1, 49152, fe80::1, 443, 60, -1, 0, 4294967295, 3, 0x4e6f7465, 0, 100, 7, 12, 0, "
     "0x474554, , 1, 1700000000, 1699999999";
 
+std::string LongDetectionRecord() {
+    std::string record = kValidDetectionRecord;
+    size_t afterField26 = 0;
+    for (int comma = 0; comma < 26; ++comma)
+        afterField26 = record.find(',', afterField26) + 1;
+    return record.insert(afterField26, " any, text here, 6e6f7465, , x, -,");
+}
+
+const wchar_t kImageOptionsKey[] =
+    L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Image File Execution Options\\";
+
 std::wstring BinDir() {
     std::wstring path(MAX_PATH, L'\0');
     for (;;) {

@@ -42,6 +42,10 @@ std::wstring TempPath(const wchar_t* name);
 std::vector<std::string> JournalLines(const std::wstring& path);
 // A valid detection record in its short form, every field checked.
 extern const char kValidDetectionRecord[];
+// The same record in its long form: six more fields after the 26th, none of them checked.
+std::string LongDetectionRecord();
+// Where the Image File Execution Options keys live under HKEY_LOCAL_MACHINE, ending in a backslash.
+extern const wchar_t kImageOptionsKey[];
 
 // The process's open handles (under Wine: those with values up to the highest probed).
 DWORD CountHandles(uintptr_t highestProbed = 0x10000);
