@@ -49,6 +49,7 @@ TEST(EventFieldRuleTest, EachRuleAcceptsItsFormsOnly) {
         std::vector<const char*> valid;
         std::vector<const char*> invalid;
     } cases[] = {
+        {number(1, false), "u1", {"0", "1"}, {"2"}},
         {number(8, false), "u8", {"0", "255"}, {"256", "00"}},
         {number(16, false), "u16", {"0", "65535"}, {"00", "-0", "+1", "65536"}},
         {number(32, false), "u32", {"4294967295"}, {"007", "", "-1", "1 2", "12a", "4294967296"}},
