@@ -65,8 +65,10 @@ TEST_F(CommandExportTest, InstallResultsLeaveTheirStatusCode) {
         int32_t statusSent;
     };
     const Case cases[] = {
-        {0, 0, false, 201512001},    {0xFFFFFF92, 0, true, 101}, {0xFFFFFF91, 1, true, 101},
-        {0xFFFFFF98, 1, false, 112}, {130, 1, false, 130},       {201512009, 1, false, 201512009},
+        {0, 0, false, 201512001},    {0xFFFFFF92, 0, true, 101},
+        {0xFFFFFF91, 1, true, 101},  {0xFFFFFF98, 1, false, 112},
+        {0xFFFFFF9B, 1, false, 112}, {0xFFFFFF97, 1, false, 201512001},
+        {130, 1, false, 130},        {201512009, 1, false, 201512009},
         {1603, 1, false, 201512001},
     };
     for (const Case& c : cases) {
