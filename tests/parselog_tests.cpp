@@ -54,6 +54,7 @@ TEST(EventFieldRuleTest, EachRuleAcceptsItsFormsOnly) {
         {number(16, false), "u16", {"0", "65535"}, {"00", "-0", "+1", "65536"}},
         {number(32, false), "u32", {"4294967295"}, {"007", "", "-1", "1 2", "12a", "4294967296"}},
         {number(64, false), "u64", {"18446744073709551615"}, {"18446744073709551616"}},
+        {number(65, false), "u65", {}, {"0", "1"}}, // no such width
         {number(16, true),
          "s16",
          {"0", "32767", "-32767", "-", "-0"},
