@@ -136,6 +136,10 @@ TEST_F(RefusalTest, InstallLaunchAndUninstall) {
         {"DuplicateHandle 2 6", Install(), CommandResult(1),
          "E LaunchCmd - DuplicateHandle for output read failed, err=6\n" + notLaunched +
              installFailed},
+        // Lookups: the Server Core probe, then the library's nine functions twice (bound
+        // when made and again for the extraction); the eleventh is the second unzOpen.
+        {"GetProcAddress 11 127", Install(), CommandResult(1),
+         "E DecompressFile - Failed to load CUnzip\n" + notUnpacked},
         {"unzOpen 1 0", Install(), CommandResult(1),
          "E DecompressFile - Failed to open zip file: " + package + ", CUnzip return code: -1\n" +
              notUnpacked},
