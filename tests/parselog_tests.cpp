@@ -24,10 +24,7 @@ Fields ShortRecord() {
 
 // The long form: positions 27, 28 and 30 to 32 are never checked.
 Fields LongRecord() {
-    Fields fields = ShortRecord();
-    fields.insert(fields.begin() + 26,
-                  {"any", "text,here", "6e6f74657061642e657865", "", "x", "-"});
-    return fields;
+    return splitLogRecord(LongDetectionRecord());
 }
 
 std::string Join(const Fields& fields) {
@@ -207,7 +204,7 @@ TEST_F(ParseLogTest, AValidFirstLineIsReturnedAndTheFileKept) {
     ASSERT_TRUE(IsValidLoader());
     Logged();
     const std::string shortLine = kShortRecord;
-    const std::string longLine = Join(LongRecord());
+    const std::string longLine = LongDetectionRecord();
     const std::pair<std::string, std::string> cases[] = {
         {shortLine + "\r\nnot a record\n", shortLine},
         {longLine, longLine},

@@ -14,7 +14,7 @@ std::string LongDetectionRecord() {
     size_t afterField26 = 0;
     for (int comma = 0; comma < 26; ++comma)
         afterField26 = record.find(',', afterField26) + 1;
-    return record.insert(afterField26, " any, text here, 6e6f7465, , x, -,");
+    return record.insert(afterField26, " any, text,here, 6e6f74657061642e657865, , x, -,");
 }
 
 const wchar_t kImageOptionsKey[] =
